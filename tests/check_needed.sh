@@ -1,0 +1,20 @@
+#!/bin/sh
+# Fails unless the library's DT_NEEDED entries are only the C++ runtime, libm,
+# libgcc_s and libc (plus a sanitizer runtime in sanitizer builds): libcurl and
+# the demultiplexers must come from the loading process.
+lib="$1"
+needed=$(readelf -d "$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+[ -n "$needed" ] || { echo "no NEEDED entries read from $lib"; exit 1; }
+status=0
+for n in $needed; do
+  case "$n" in
+    libstdc++.so.*|libm.so.*|libgcc_s.so.*|libc.so.*|libasan.so.*|libubsan.so.*|libtsan.so.*) ;;
+    *) echo "unexpected needed library: $n"; status=1 ;;
+  esac
+done
+# The symbols the host supplies must stay undefined in the library.
+for sym in curl_easy_init ts_demux_new flv_demux_new; do
+  if nm -D --defined-only "$lib" | grep -qw "$sym"; then echo "$sym is defined in the library"; status=1; fi
+done
+echo "needed: $needed"
+exit $status

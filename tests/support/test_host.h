@@ -1,0 +1,69 @@
+// Host side for tests: recording frame and status callbacks, and test
+// demultiplexers (exported from the test executable to the library) that log
+// every piece they receive and turn a simple framed format into frames.
+//
+// Test frame format, concatenated in any number of pieces:
+//   "TFRM" | frame_info (20 bytes) | payload (get-frame-length bytes)
+// Bytes that do not start a record are skipped one at a time.
+#pragma once
+
+#include <stdint.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "HLSClientLib.h"
+
+struct HostEvent {
+    enum Kind { Status, Frame, Put, DemuxNew, DemuxFree };
+    explicit HostEvent(Kind k) : kind(k) {}
+    Kind kind;
+    int32_t channel = -1;   // Status, Frame
+    int32_t value = 0;      // Status: the status; Put: piece size
+    void *handle = nullptr; // Put, DemuxNew, DemuxFree: the demultiplexer
+    bool flv = false;       // DemuxNew, DemuxFree, Put: an FLV demultiplexer
+    frame_info info{};      // Frame
+    std::string data;       // Frame: the frame bytes; Put: the piece
+    std::thread::id thread;
+    std::chrono::steady_clock::time_point at;
+};
+
+namespace test_host {
+
+// Forgets every event and restores the defaults below.
+void reset();
+std::vector<HostEvent> events();
+// Number of events matching `pred`.
+size_t count(const std::function<bool(const HostEvent &)> &pred);
+size_t status_count(int32_t channel, int32_t status);
+size_t frame_count(int32_t channel);
+// Concatenation of every piece the demultiplexers of one kind received.
+std::string received_bytes(bool flv);
+// Polls `pred` until it holds or `timeout` passes; returns its last value.
+bool wait_for(const std::function<bool()> &pred, std::chrono::milliseconds timeout);
+
+// Host callbacks to give to hls_client_init.
+int32_t frame_cb(int32_t channel, frame_info *info, uint8_t *data);
+void status_cb(int32_t channel, int32_t status);
+
+// Result that frame_cb returns (default 0).
+extern std::atomic<int32_t> frame_result;
+// When set, ts_demux_new / flv_demux_new return null.
+extern std::atomic<bool> fail_ts_new;
+extern std::atomic<bool> fail_flv_new;
+// When set, Put events keep the piece bytes (off by default to keep long
+// streams cheap; total sizes are always recorded).
+extern std::atomic<bool> keep_pieces;
+// Results the demultiplexers' frame callbacks returned, in order.
+std::vector<int32_t> callback_results();
+
+// Builds one record of the test frame format.
+std::string make_frame(uint32_t type, const std::string &payload, uint32_t pts = 0, uint8_t frame_rate = 0,
+                       uint16_t frame_rate_frac = 0);
+inline bool is_video(const frame_info &info) { return (info.type & HLS_FRAME_VIDEO_MASK) == HLS_FRAME_TYPE_VIDEO_KEY; }
+
+} // namespace test_host
