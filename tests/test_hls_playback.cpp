@@ -452,8 +452,9 @@ TEST_F(HlsPlayback, PlaylistFailuresWaitFiveSecondsAndDisconnectCutsTheWait)
     EXPECT_EQ(site_.hits("/r3/index.m3u8"), 2);
 
     ASSERT_TRUE(wait([&] {
-        return test_host::frame_count(0) == 1 && test_host::frame_count(1) == 1 && capture.contains("failed!\n") &&
-               capture.contains("First playlist: Incomplete M3U8 data[" + first + "].");
+        return test_host::frame_count(0) == 1 && test_host::frame_count(1) == 1 &&
+               capture.contains("First playlist: Incomplete M3U8 data[" + first + "].") &&
+               capture.contains("frame_queue_get(2) failed!");
     }));
     double wait0 = seconds_between(site_.nth_hit("/r0/index.m3u8", 2), site_.nth_hit("/r0/index.m3u8", 3));
     double wait1 = seconds_between(site_.nth_hit("/r1/v.m3u8", 1), site_.nth_hit("/r1/index.m3u8", 3));
@@ -493,12 +494,13 @@ TEST_F(HlsPlayback, IncompletePlaylistEndsTheLoopAndReportsOnlyAStartedStream)
     for (int ch = 0; ch < 4; ch++)
         connect(ch, site_.url("/i" + std::to_string(ch) + "/index.m3u8"));
 
-    // Each delivery thread is joined: it reports the halted queue once.
+    // Each delivery thread reports the halted queue once before it is joined;
+    // the started streams then report their stop.
     ASSERT_TRUE(wait([&] {
         for (int ch = 0; ch < 4; ch++)
             if (!capture.contains("frame_queue_get(" + std::to_string(ch) + ") failed!"))
                 return false;
-        return true;
+        return statuses_of(2).size() == 2 && statuses_of(3).size() == 2;
     }));
     // A media text never lands in the master slot, so channel 2 has no text to
     // show either.
