@@ -45,7 +45,7 @@ std::string expected_body(const Kind &kind, size_t frames)
 {
     std::string body = kind.prefix;
     for (size_t i = 0; i < frames; ++i)
-        body += stream_frame(i);
+        body += stream_frame(i, !kind.flv);
     return body;
 }
 
@@ -142,11 +142,13 @@ TEST_F(DirectStream, BrokenTransferStopsPausesAndReconnectsIntoSameDemux)
 {
     StderrCapture err;
     StreamServer srv;
-    // Request 1 is the probe, request 2 breaks after five frames, later ones
-    // stream until the channel closes.
+    // Request 1 is the probe, request 2 breaks after some frames (the two
+    // channels at different moments, so that their error lines do not
+    // interleave), later ones stream until the channel closes.
     for (const Kind *kind : {&kTs, &kFlv})
-        srv.stream(std::string("/") + kind->name, "video/MP2T",
-                   [kind](int n) { return n == 2 ? plan_of(kind->prefix, 5, true) : plan_of(kind->prefix); });
+        srv.stream(std::string("/") + kind->name, "video/MP2T", [kind](int n) {
+            return n == 2 ? plan_of(kind->prefix, kind->flv ? 30 : 5, true) : plan_of(kind->prefix);
+        });
     srv.start();
     for (int32_t channel : {0, 1}) {
         hls_connect_param param = make_param(srv.url(channel == 0 ? "/ts" : "/flv"));

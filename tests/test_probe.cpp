@@ -151,7 +151,11 @@ TEST_F(ProbeAttempt, GivesUpAfter4096BytesAndStopsEarlyOnASignature)
 {
     StreamServer srv;
     // Endless bodies: only an early decision ends these transfers quickly.
-    srv.stream("/late", "video/x-flv", [](int) { return plan_of(junk(4097), SIZE_MAX, false, "#EXTM3U"); });
+    srv.stream("/late", "video/x-flv", [](int) {
+        StreamPlan plan = plan_of(junk(4097), SIZE_MAX, false, "#EXTM3U");
+        plan.interval = 100ms; // the marker comes well after the first 4097 bytes
+        return plan;
+    });
     srv.stream("/inside", "video/x-flv", [](int) { return plan_of(junk(4090) + "#EXTM3U"); });
     srv.stream("/endless-ts", "text/html", [](int) { return plan_of(ts_sync_prefix()); });
     srv.start();
