@@ -218,8 +218,7 @@ TEST_F(DownloadThread, UndecidedProbeRepeatsEveryFiveSecondsUntilClosed)
     ASSERT_EQ(hls_client_connect(3, &late_param), 0);
 
     ASSERT_TRUE(test_host::wait_for([&] { return bare.request_times().size() == 1; }, 3s));
-    EXPECT_TRUE(thread_named("httpdown[2]"));
-    EXPECT_TRUE(thread_named("httpdown[3]"));
+    EXPECT_TRUE(test_host::wait_for([] { return thread_named("httpdown[2]") && thread_named("httpdown[3]"); }, 2s));
     std::this_thread::sleep_for(500ms);
     late.listen_and_answer("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\n\r\nabcd");
 
