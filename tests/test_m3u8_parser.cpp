@@ -186,7 +186,7 @@ TEST(M3u8Parser, ReadsDurationsFromWholeAndFractionWords)
         {"#EXTINF:10,", 10.0, TagLine},       {"#EXTINF:10.5,", 10.5, TagLine},
         {"#EXTINF:9.009,", 9.009, TagLine},   {"#EXTINF:10.000,", 10.0, TagLine},
         {"#EXTINF:6.4,Live", 6.4, TagLine},   {"#EXTINF", -1.0, TagLine},
-        {"#EXTINF:10,Part 2", 10.2, TagLine}, // title words are fractions too
+        {"#EXTINF:10,Take 2", 10.2, TagLine}, // title words are fractions too
         {"#EXTINF:4.25a,", 4.025, TagLine},    {"#EXTINF:x.5,", 0.5, NoLine},
     };
     for (const Case &c : cases) {
