@@ -236,7 +236,10 @@ TEST(TsDemuxFrameRate, ComesFromParameterSetTimingElseTimeStampSpacing)
 
 TEST(TsDemuxContinuity, LostOrDamagedPacketDropsExactlyThePesItHits)
 {
-    std::vector<std::string> pkts = packets(read_sample("stream.ts"));
+    // Video PES packets with lengths (the TS file) and without (HLS).
+    for (bool bounded : {true, false}) {
+    SCOPED_TRACE(bounded ? "bounded" : "unbounded");
+    std::vector<std::string> pkts = packets(bounded ? read_sample("stream.ts") : hls_variant("high", 6));
     DemuxRun base = run_demux(false, join(pkts));
     // Packet indexes: the 10th video unit start, the packet after it on the
     // same PID, the last packet of that PES; and an audio PES of 2+ packets.
@@ -257,7 +260,7 @@ TEST(TsDemuxContinuity, LostOrDamagedPacketDropsExactlyThePesItHits)
     while (pid_of(pkts[--v_last]) != VIDEO_PID) {
     }
     ASSERT_FALSE(unit_start(pkts[v_mid]));
-    size_t k = 2;
+    size_t k = astarts.size() / 2; // past the first segment, which HLS input repeats
     while (!(next_on(astarts[k], AUDIO_PID) < astarts[k + 1]))
         k++;
     size_t a_mid = next_on(astarts[k], AUDIO_PID);
@@ -294,24 +297,39 @@ TEST(TsDemuxContinuity, LostOrDamagedPacketDropsExactlyThePesItHits)
         std::vector<std::string> damaged = pkts;
         c.damage(damaged);
         DemuxRun run = run_demux(false, join(damaged), 1000);
-        EXPECT_TRUE(run.video() == c.video) << c.name;
+        std::vector<CapturedFrame> v = run.video();
+        if (!bounded && std::string(c.name).find("last packet") != std::string::npos) {
+            // Nothing tells an unbounded PES that lost its tail from a whole
+            // one: it goes out short, and every other frame is untouched.
+            ASSERT_EQ(v.size(), base.video().size());
+            EXPECT_EQ(base.video()[9].data.compare(0, v[9].data.size(), v[9].data), 0);
+            EXPECT_LT(v[9].data.size(), base.video()[9].data.size());
+            v[9] = base.video()[9];
+            EXPECT_TRUE(v == base.video());
+        } else {
+            EXPECT_TRUE(v == c.video) << c.name;
+        }
         EXPECT_TRUE(run.audio() == c.audio) << c.name;
+    }
     }
 }
 
 TEST(TsDemuxAudio, FramesCutAcrossPesPacketsKeepTheirBytesAndTimeStamps)
 {
     std::vector<CapturedFrame> frames = run_demux(false, read_sample("stream.ts")).audio();
-    std::string es;
+    // Damaged bytes that look like an ADTS header come first: the frame
+    // they announce is not followed by another, so they are passed over.
+    std::string es = frames[0].data.substr(0, 3) + std::string("\x06\x40\x1f\xfc", 4);
     std::vector<size_t> starts;
     for (const CapturedFrame &f : frames)
         starts.push_back(es.size()), es += f.data;
-    // PES packets of odd sizes, cut anywhere in the frames.
+    // PES packets of odd sizes, cut anywhere in the frames; some too small
+    // to hold the start of a frame.
     std::string ts = program_tables();
     uint8_t cc = 0;
     std::vector<std::pair<size_t, uint64_t>> pes; // start offset, pts
     for (size_t at = 0, i = 0; at < es.size(); i++) {
-        size_t n = std::min<size_t>(es.size() - at, 700 + 337 * (i % 5));
+        size_t n = std::min<size_t>(es.size() - at, i % 7 == 3 ? 60 : 700 + 337 * (i % 5));
         pes.push_back({at, 500000 + i * 7777});
         ts += pes_packets(AUDIO_PID, 0xc0, pes.back().second, es.substr(at, n), true, cc);
         at += n;
@@ -395,6 +413,12 @@ TEST(TsDemuxDamage, GarbageAndOversizedPesGiveNoFrames)
         noise[i] = (char)rng(), fake_sync[i] = i % PKT == 0 ? 0x47 : (char)rng();
     for (const std::string *g : {&noise, &fake_sync})
         EXPECT_EQ(run_demux(false, *g, 1 + rng() % 5000).frames.size(), 0u);
+    // A PMT whose CRC does not match is not applied: no streams, no frames.
+    std::vector<std::string> pkts = packets(read_sample("stream.ts"));
+    for (std::string &p : pkts)
+        if (pid_of(p) == PMT_PID)
+            p[4 + 1 + 12] ^= 0x3f; // the first stream type
+    EXPECT_EQ(run_demux(false, join(pkts)).frames.size(), 0u);
 
     // An unbounded video PES beyond the size cap is dropped; the next is not.
     std::string big(ES_MAX_FRAME + 1000, '\x11'), small = std::string("\0\0\0\1\x09\x30\0\0\0\1\x41\x9a", 12);
@@ -411,15 +435,26 @@ TEST(TsDemuxDamage, GarbageAndOversizedPesGiveNoFrames)
 
 TEST(TsDemuxResync, NewStreamAfterACutTransferComesThroughWhole)
 {
-    std::string ts = read_sample("stream.ts");
+    for (bool bounded : {true, false}) {
+    std::string ts = bounded ? read_sample("stream.ts") : hls_variant("high", 6);
     DemuxRun base = run_demux(false, ts);
     for (size_t cut : {PKT * 700 + 100, PKT * 1200, PKT * 1500 + 1, PKT * 333 + 187}) {
         DemuxRun run = run_demux(false, ts.substr(0, cut) + ts, 4096);
         ASSERT_GE(run.frames.size(), base.frames.size()) << cut;
         size_t head = run.frames.size() - base.frames.size();
-        EXPECT_TRUE(std::equal(run.frames.begin(), run.frames.begin() + (ptrdiff_t)head, base.frames.begin())) << cut;
+        DemuxRun before;
+        before.frames.assign(run.frames.begin(), run.frames.begin() + (ptrdiff_t)head);
+        std::vector<CapturedFrame> v = before.video(), a = before.audio(), bv = base.video(), ba = base.audio();
+        // A cut right at a packet boundary leaves no trace in the bytes: an
+        // unbounded video PES in progress then goes out short.
+        if (!bounded && cut % PKT == 0 && !v.empty() && !(v.back() == bv[v.size() - 1]) &&
+            bv[v.size() - 1].data.compare(0, v.back().data.size(), v.back().data) == 0)
+            v.back() = bv[v.size() - 1];
+        EXPECT_TRUE(std::equal(v.begin(), v.end(), bv.begin())) << cut;
+        EXPECT_TRUE(std::equal(a.begin(), a.end(), ba.begin())) << cut;
         EXPECT_TRUE(std::equal(base.frames.begin(), base.frames.end(), run.frames.begin() + (ptrdiff_t)head)) << cut;
         EXPECT_GT(head, 0u);
+    }
     }
 }
 
