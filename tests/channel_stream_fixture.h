@@ -1,30 +1,22 @@
-// Helpers shared by the client-interface, probe and direct-stream tests:
-// connect parameters, a streaming local server whose responses stop when the
-// test ends, a raw loopback server for what httplib cannot send (no
-// Content-Type at all, refused connections), and a fixture that sets the
-// library up with the recording host.
+// Helpers shared by the channel-stream tests: connect parameters, stream
+// builders, a scripted local server that logs every request, and a fixture
+// that sets the library up with the recording host.
 #pragma once
 
-#include <arpa/inet.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <functional>
+#include <algorithm>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+
+#include <httplib.h>
 
 #include "HLSClientLib.h"
-#include "local_server.h"
 #include "stderr_capture.h"
 #include "test_host.h"
 
@@ -37,13 +29,14 @@ extern "C" const char *__tsan_default_suppressions() { return "race:libcpp-httpl
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-inline hls_connect_param make_param(const std::string &url, int32_t connect_timeout = 2)
+inline hls_connect_param make_param(const std::string &url, int32_t low_bandwidth = 0)
 {
     hls_connect_param param;
     memset(&param, 0, sizeof(param));
     snprintf(param.url, sizeof(param.url), "%s", url.c_str());
-    param.connect_timeout = connect_timeout;
-    param.timeout = 2;
+    param.low_bandwidth = low_bandwidth;
+    param.connect_timeout = 2;
+    param.timeout = 5;
     return param;
 }
 
@@ -52,8 +45,8 @@ inline double seconds_between(Clock::time_point from, Clock::time_point to)
     return std::chrono::duration<double>(to - from).count();
 }
 
-// Three 188-byte packets that start with the MPEG-TS sync byte: what the
-// probe needs to see to call a body MPEG-TS. The filler holds no "TFRM".
+// `bytes` bytes of 188-byte packets that start with the MPEG-TS sync byte (564
+// is what the probe needs to call a body MPEG-TS). The filler holds no "TFRM".
 inline std::string ts_sync_prefix(size_t bytes = 564)
 {
     std::string prefix(bytes, '\x11');
@@ -62,226 +55,203 @@ inline std::string ts_sync_prefix(size_t bytes = 564)
     return prefix;
 }
 
-// One 188-byte transport packet: the sync byte, `content` (below 188 bytes)
-// and filler. A stream of such packets keeps the sync byte at every packet
-// start, however the client happens to receive it.
-inline std::string ts_packet(const std::string &content)
-{
-    std::string packet = "\x47" + content;
-    packet.resize(188, '\x11');
-    return packet;
-}
-
-// How one streamed response behaves after its prefix.
-struct StreamPlan {
-    std::string prefix;       // sent first, in one piece
-    std::string then;         // sent next, in a piece of its own
-    size_t frames = SIZE_MAX; // frames to send; SIZE_MAX streams until stopped
-    bool drop_at_end = false; // close the connection instead of ending the body
-    bool ts_packets = false;  // wrap every frame in a transport packet
-    std::chrono::milliseconds interval{5};
-};
-
-// A plan that sends `prefix`, then `frames` frames, then ends the body
-// (or drops the connection).
-inline StreamPlan plan_of(std::string prefix, size_t frames = SIZE_MAX, bool drop_at_end = false,
-                          std::string then = std::string())
-{
-    StreamPlan plan;
-    plan.ts_packets = prefix.size() >= 188 && prefix[0] == '\x47';
-    plan.prefix = std::move(prefix);
-    plan.then = std::move(then);
-    plan.frames = frames;
-    plan.drop_at_end = drop_at_end;
-    return plan;
-}
-
-// Payload of the i-th streamed frame; tests check them in order.
+// The i-th streamed test frame, alone or wrapped in a transport packet so that
+// a stream of them keeps the sync byte at every packet start.
 inline std::string stream_payload(size_t i) { return "frame-" + std::to_string(i); }
-inline std::string stream_frame(size_t i, bool ts_packets = false)
+inline std::string stream_frame(size_t i, bool ts_packet = false)
 {
     std::string frame = test_host::make_frame(HLS_FRAME_TYPE_VIDEO_KEY, stream_payload(i), (uint32_t)i);
-    return ts_packets ? ts_packet(frame) : frame;
+    if (ts_packet)
+        frame = ("\x47" + frame).append(188 - 1 - frame.size(), '\x11');
+    return frame;
 }
 
-// A local server whose streaming responses end promptly once the server is
-// stopped (or the client goes away), and which counts requests per path.
-class StreamServer {
-public:
-    StreamServer() = default;
-    ~StreamServer() { stop(); }
+inline std::vector<HostEvent> events_where(const std::function<bool(const HostEvent &)> &pred)
+{
+    std::vector<HostEvent> out;
+    for (const HostEvent &e : test_host::events())
+        if (pred(e))
+            out.push_back(e);
+    return out;
+}
 
-    httplib::Server &server() { return local_.server(); }
-    void start() { local_.start(); }
-    void stop()
-    {
-        stopping_ = true;
-        local_.stop();
+inline std::vector<int32_t> statuses_of(int32_t channel)
+{
+    std::vector<int32_t> out;
+    for (const HostEvent &e : events_where([&](const HostEvent &e) { return e.kind == HostEvent::Status && e.channel == channel; }))
+        out.push_back(e.value);
+    return out;
+}
+
+inline bool thread_named(const std::string &name)
+{
+    bool found = false;
+    if (DIR *dir = opendir("/proc/self/task")) {
+        while (dirent *entry = readdir(dir)) {
+            std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+            std::string line;
+            found = found || (std::getline(comm, line) && line == name);
+        }
+        closedir(dir);
     }
-    std::string url(const std::string &path) const { return local_.url(path); }
+    return found;
+}
 
-    // Handler that streams `plan_for(request number on this path)`.
-    void stream(const std::string &path, const std::string &content_type,
-                std::function<StreamPlan(int)> plan_for)
+// One scripted answer: after `delay_ms`, `body` in one piece, then `frames`
+// test frames 5 ms apart (SIZE_MAX: until the server stops or the client goes
+// away), then the end of the body or, with `drop`, a dropped connection. A
+// body that starts with a transport packet has its frames wrapped in packets.
+// An empty body of no `type` goes without a Content-Type.
+struct Reply {
+    Reply(std::string body = "", std::string type = "application/vnd.apple.mpegurl", int status = 200, int delay_ms = 0,
+          size_t frames = 0, bool drop = false, std::string location = "")
+        : body(body), type(type), status(status), delay_ms(delay_ms), frames(frames), drop(drop), location(location)
     {
-        server().Get(path, [this, path, content_type, plan_for](const httplib::Request &, httplib::Response &res) {
-            StreamPlan plan = plan_for(note_request(path));
-            send_plan(res, content_type, plan);
-        });
+    }
+    std::string body, type;
+    int status, delay_ms;
+    size_t frames;
+    bool drop;
+    std::string location; // redirect target
+};
+using Script = std::function<Reply(int hit)>; // hit counts from 1 per request target
+
+// A local server on 127.0.0.1 (on `port`, or a free one when it is 0) that
+// answers each request target (path and query) from a script, `fallback` for
+// targets without one, and logs every request.
+class Site {
+public:
+    explicit Site(Script fallback = [](int) { return Reply{"missing", "text/plain", 404}; }, int port = 0) : fallback_(fallback)
+    {
+        server_.new_task_queue = [] { return new httplib::ThreadPool(48); };
+        server_.Get(".*", [this](const httplib::Request &rq, httplib::Response &rs) { serve(rq, rs); });
+        port_ = port == 0 ? server_.bind_to_any_port("127.0.0.1") : server_.bind_to_port("127.0.0.1", port) ? port : -1;
+        if (port_ <= 0)
+            throw std::runtime_error("cannot bind a loopback port");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        test_host::wait_for([this] { return server_.is_running(); }, 5s);
+    }
+    ~Site()
+    {
+        closing_ = true;
+        server_.stop();
+        thread_.join();
+    }
+
+    void on(const std::string &target, Script script)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        scripts_[target] = std::move(script);
+    }
+    void on(const std::string &target, const Reply &reply) { on(target, [reply](int) { return reply; }); }
+    // A playlist that stays the same; reloads after the first load are slowed
+    // a little so that a loop polling an unchanged playlist stays cheap.
+    void playlist(const std::string &target, const std::string &body)
+    {
+        on(target, [body](int hit) { return Reply{body, "application/vnd.apple.mpegurl", 200, hit > 2 ? 15 : 0}; });
+    }
+
+    std::string url(const std::string &target) const { return "http://127.0.0.1:" + std::to_string(port_) + target; }
+    // Request times of the targets that start with `prefix` (the exact target
+    // when `exact`), in request order.
+    std::vector<std::pair<std::string, Clock::time_point>> log(const std::string &prefix, bool exact = true)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        std::vector<std::pair<std::string, Clock::time_point>> out;
+        for (const auto &hit : log_)
+            if (exact ? hit.first == prefix : hit.first.compare(0, prefix.size(), prefix) == 0)
+                out.push_back(hit);
+        return out;
+    }
+    size_t hits(const std::string &target) { return log(target).size(); }
+    Clock::time_point nth_hit(const std::string &target, size_t n) { return log(target).at(n - 1).second; }
+    std::vector<std::string> order(const std::string &prefix, size_t first)
+    {
+        std::vector<std::string> out;
+        for (const auto &hit : log(prefix, false))
+            out.push_back(hit.first);
+        out.resize(std::min(out.size(), first));
+        return out;
+    }
+
+private:
+    void serve(const httplib::Request &rq, httplib::Response &rs)
+    {
+        Script script = fallback_;
+        int hit;
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            log_.push_back({rq.target, Clock::now()});
+            hit = (int)std::count_if(log_.begin(), log_.end(), [&](const auto &h) { return h.first == rq.target; });
+            if (scripts_.count(rq.target))
+                script = scripts_[rq.target];
+        }
+        Reply reply = script(hit);
+        for (int waited = 0; waited < reply.delay_ms && !closing_; waited += 5)
+            std::this_thread::sleep_for(5ms);
+        rs.status = reply.status;
+        if (!reply.location.empty())
+            rs.set_redirect(reply.location);
+        else if (reply.frames > 0 || reply.drop)
+            stream(rs, reply);
+        else if (!reply.type.empty())
+            rs.set_content(reply.body, reply.type);
     }
 
     // Streams with a declared length: the exact body size for a stream that
     // ends, an unreachable one otherwise, so that a dropped connection is a
     // broken transfer for the client. (Concurrent chunked responses race
     // inside the server library, so they are avoided.)
-    void send_plan(httplib::Response &res, const std::string &content_type, const StreamPlan &plan)
+    void stream(httplib::Response &rs, const Reply &reply)
     {
-        size_t length = size_t(1) << 40;
-        if (plan.frames != SIZE_MAX && !plan.drop_at_end) {
-            length = plan.prefix.size() + plan.then.size();
-            for (size_t i = 0; i < plan.frames; ++i)
-                length += stream_frame(i, plan.ts_packets).size();
-        }
+        bool packets = reply.body.size() >= 188 && reply.body[0] == '\x47';
+        size_t length = reply.drop || reply.frames == SIZE_MAX ? size_t(1) << 40 : reply.body.size();
+        for (size_t i = 0; length < (size_t(1) << 40) && i < reply.frames; ++i)
+            length += stream_frame(i, packets).size();
         auto sent = std::make_shared<size_t>(0);
-        res.set_content_provider(length, content_type, [this, plan, sent](size_t, size_t, httplib::DataSink &sink) {
-            if (stopping_)
+        rs.set_content_provider(length, reply.type, [this, reply, packets, sent](size_t, size_t, httplib::DataSink &sink) {
+            if (closing_ || (*sent == 0 && !reply.body.empty() && !sink.write(reply.body.data(), reply.body.size())))
                 return false;
-            if (*sent == 0 && !plan.prefix.empty() && !sink.write(plan.prefix.data(), plan.prefix.size()))
-                return false;
-            if (*sent == 0 && !plan.then.empty()) {
-                std::this_thread::sleep_for(plan.interval);
-                if (!sink.write(plan.then.data(), plan.then.size()))
-                    return false;
-            }
-            if (*sent < plan.frames) {
-                std::string frame = stream_frame(*sent, plan.ts_packets);
-                ++*sent;
-                if (!sink.write(frame.data(), frame.size()))
-                    return false;
-                std::this_thread::sleep_for(plan.interval);
-                return true;
-            }
-            return !plan.drop_at_end;
+            if (*sent >= reply.frames)
+                return !reply.drop;
+            std::string frame = stream_frame((*sent)++, packets);
+            std::this_thread::sleep_for(5ms);
+            return sink.write(frame.data(), frame.size());
         });
     }
 
-    // Records a request on `path`; returns its number there, from 1.
-    int note_request(const std::string &path)
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        requests_.push_back({path, Clock::now()});
-        int n = 0;
-        for (const auto &r : requests_)
-            n += r.first == path ? 1 : 0;
-        return n;
-    }
-    std::vector<Clock::time_point> request_times(const std::string &path)
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        std::vector<Clock::time_point> times;
-        for (const auto &r : requests_)
-            if (r.first == path)
-                times.push_back(r.second);
-        return times;
-    }
-    size_t requests(const std::string &path) { return request_times(path).size(); }
-
-private:
-    LocalServer local_;
-    std::atomic<bool> stopping_{false};
-    std::mutex lock_;
-    std::vector<std::pair<std::string, Clock::time_point>> requests_;
-};
-
-// A loopback socket bound at construction but not listening, so connections
-// to it are refused until listen_and_answer() makes it answer every request
-// with `response` (raw HTTP text) and close the connection.
-class RawServer {
-public:
-    RawServer()
-    {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (fd_ < 0 || bind(fd_, (sockaddr *)&addr, sizeof(addr)) != 0)
-            throw std::runtime_error("cannot bind a loopback port");
-        socklen_t len = sizeof(addr);
-        getsockname(fd_, (sockaddr *)&addr, &len);
-        port_ = ntohs(addr.sin_port);
-    }
-    ~RawServer()
-    {
-        stop_ = true;
-        if (thread_.joinable())
-            thread_.join();
-        close(fd_);
-    }
-
-    std::string url(const std::string &path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
-
-    void listen_and_answer(const std::string &response)
-    {
-        response_ = response;
-        listen(fd_, 8);
-        thread_ = std::thread([this] { serve(); });
-    }
-
-    std::vector<Clock::time_point> request_times()
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        return times_;
-    }
-
-private:
-    void serve()
-    {
-        while (!stop_) {
-            pollfd p{fd_, POLLIN, 0};
-            if (poll(&p, 1, 10) <= 0)
-                continue;
-            int client = accept(fd_, nullptr, nullptr);
-            if (client < 0)
-                continue;
-            std::string request;
-            char buf[1024];
-            auto deadline = Clock::now() + 2s;
-            while (request.find("\r\n\r\n") == std::string::npos && Clock::now() < deadline && !stop_) {
-                pollfd c{client, POLLIN, 0};
-                if (poll(&c, 1, 10) <= 0)
-                    continue;
-                ssize_t n = recv(client, buf, sizeof(buf), 0);
-                if (n <= 0)
-                    break;
-                request.append(buf, (size_t)n);
-            }
-            {
-                std::lock_guard<std::mutex> guard(lock_);
-                times_.push_back(Clock::now());
-            }
-            (void)!send(client, response_.data(), response_.size(), MSG_NOSIGNAL);
-            close(client);
-        }
-    }
-
-    int fd_ = -1;
-    int port_ = 0;
-    std::string response_;
-    std::atomic<bool> stop_{false};
+    httplib::Server server_;
+    int port_;
     std::thread thread_;
+    Script fallback_;
     std::mutex lock_;
-    std::vector<Clock::time_point> times_;
+    std::map<std::string, Script> scripts_;
+    std::vector<std::pair<std::string, Clock::time_point>> log_;
+    std::atomic<bool> closing_{false};
 };
 
-// Sets the library up with the recording host for `channels` channels and
+// Sets the library up with the recording host for kChannels channels and
 // tears it down (joining every channel) at the end of the test.
 class ClientTest : public ::testing::Test {
 protected:
-    static constexpr int32_t kChannels = 4;
+    static constexpr int32_t kChannels = 8;
     void SetUp() override
     {
         test_host::reset();
         ASSERT_EQ(hls_client_init(kChannels, test_host::frame_cb, test_host::status_cb, nullptr), 0);
     }
     void TearDown() override { hls_client_destroy(); }
+
+    static void connect_to(int32_t channel, const std::string &url, int32_t low_bandwidth = 0)
+    {
+        hls_connect_param param = make_param(url, low_bandwidth);
+        ASSERT_EQ(hls_client_connect(channel, &param), 0) << url;
+    }
+    // Disconnects and returns how long the call took, in seconds.
+    static double timed_disconnect(int32_t channel)
+    {
+        auto start = Clock::now();
+        EXPECT_EQ(hls_client_disconnect(channel), 0);
+        return seconds_between(start, Clock::now());
+    }
 };

@@ -1,10 +1,9 @@
 // How a channel finds out what its URL serves: the byte sniffer at its
 // boundaries, the Content-Type table, one probe attempt against real
 // responses, and the download thread's retry pause and naming.
-#include <dirent.h>
+#include <arpa/inet.h>
 #include <signal.h>
-
-#include <fstream>
+#include <unistd.h>
 
 #include "channel_stream_fixture.h"
 #include "hls_demux.h"
@@ -76,132 +75,80 @@ TEST(ProbeSniffer, DecidesOnAccumulatedBytesAtEachBoundary)
 }
 
 // One probe attempt against a real server, on a record that no thread runs.
-class ProbeAttempt : public ::testing::Test {
-protected:
-    void SetUp() override { curl_global_init(CURL_GLOBAL_ALL); }
-    void TearDown() override { curl_global_cleanup(); }
+int32_t probe(const std::string &url)
+{
+    http_demux record{};
+    record.param = make_param(url);
+    probe_result result{};
+    int32_t protocol = get_url_actual_protocol(&record, &result);
+    EXPECT_EQ(result.data, nullptr) << "probe bytes not released";
+    EXPECT_EQ(protocol, result.protocol);
+    return protocol;
+}
 
-    int32_t probe(const std::string &url)
-    {
-        http_demux record{};
-        record.param = make_param(url);
-        probe_result result{};
-        int32_t protocol = get_url_actual_protocol(&record, &result);
-        EXPECT_EQ(result.data, nullptr) << "probe bytes not released";
-        EXPECT_EQ(protocol, result.protocol);
-        return protocol;
-    }
-};
+class ProbeAttempt : public ClientTest {};
 
-TEST_F(ProbeAttempt, BytesWinOverContentTypeWhichDecidesOtherwise)
+TEST_F(ProbeAttempt, SniffedBytesWinAndTheContentTypeDecidesOtherwise)
 {
     StderrCapture err;
-    StreamServer srv;
+    Site site;
+    const size_t kEndless = SIZE_MAX;
     struct Case {
         const char *path;
-        std::string body;
-        const char *content_type;
+        Reply reply;
         int32_t protocol;
     } cases[] = {
-        {"/ts563", ts_sync_prefix(563), "text/html", HLS_PROTOCOL_UNSUPPORTED},
-        {"/ts564", ts_sync_prefix(564), "text/html", HLS_PROTOCOL_TS},
-        {"/flv", "FLV" + junk(100), "text/html", HLS_PROTOCOL_FLV},
-        {"/fl", "FLX" + junk(100), "video/MP2T", HLS_PROTOCOL_TS},
-        {"/bom", "\xEF\xBB\xBF#EXTM3U\n#EXT-X-VERSION:3\n", "video/x-flv", HLS_PROTOCOL_M3U8},
-        {"/blank", "\n\r\n  \n#EXTM3U\n", "text/html", HLS_PROTOCOL_M3U8},
-        {"/lower", junk(5000), "video/mp2t", HLS_PROTOCOL_TS},
-        {"/html", junk(5000), "text/html", HLS_PROTOCOL_UNSUPPORTED},
-        {"/flvtype", junk(10), "VIDEO/X-FLV", HLS_PROTOCOL_FLV},
-        {"/m1", junk(10), "application/x-mpegurl", HLS_PROTOCOL_M3U8},
-        {"/m2", junk(10), "Application/Vnd.Apple.MpegURL", HLS_PROTOCOL_M3U8},
-        {"/m3", junk(10), "audio/mpegurl", HLS_PROTOCOL_M3U8},
-        {"/m4", junk(10), "AUDIO/X-MPEGURL", HLS_PROTOCOL_M3U8},
-        {"/param", junk(10), "video/MP2T; charset=x", HLS_PROTOCOL_UNSUPPORTED},
-        {"/empty", "", "video/x-flv", HLS_PROTOCOL_FLV},
+        {"/ts563", {ts_sync_prefix(563), "text/html"}, HLS_PROTOCOL_UNSUPPORTED},
+        {"/ts564", {ts_sync_prefix(564), "text/html"}, HLS_PROTOCOL_TS},
+        {"/fl", {"FLX" + junk(100), "video/MP2T"}, HLS_PROTOCOL_TS},
+        {"/bom", {"\xEF\xBB\xBF#EXTM3U\n#EXT-X-VERSION:3\n", "video/x-flv"}, HLS_PROTOCOL_M3U8},
+        {"/lower", {junk(5000), "video/mp2t"}, HLS_PROTOCOL_TS},
+        {"/html", {junk(5000), "text/html"}, HLS_PROTOCOL_UNSUPPORTED},
+        {"/flvtype", {junk(10), "VIDEO/X-FLV"}, HLS_PROTOCOL_FLV},
+        {"/m1", {junk(10), "application/x-mpegurl"}, HLS_PROTOCOL_M3U8},
+        {"/m2", {junk(10), "Application/Vnd.Apple.MpegURL"}, HLS_PROTOCOL_M3U8},
+        {"/m3", {junk(10), "audio/mpegurl"}, HLS_PROTOCOL_M3U8},
+        {"/m4", {junk(10), "AUDIO/X-MPEGURL"}, HLS_PROTOCOL_M3U8},
+        {"/param", {junk(10), "video/MP2T; charset=x"}, HLS_PROTOCOL_UNSUPPORTED},
+        {"/empty", {"", "video/x-flv"}, HLS_PROTOCOL_FLV},
+        // Redirects are followed; the final response decides.
+        {"/hop", {"", "", 302, 0, 0, false, "/hop2"}, HLS_PROTOCOL_TS},
+        {"/hop2", {"", "", 302, 0, 0, false, "/ts564"}, HLS_PROTOCOL_TS},
+        // Endless bodies: only an early decision ends these transfers in time.
+        {"/endless-ts", {ts_sync_prefix(), "text/html", 200, 0, kEndless}, HLS_PROTOCOL_TS},
+        {"/gives-up", {junk(4097), "video/x-flv", 200, 0, kEndless}, HLS_PROTOCOL_FLV},
+        {"/inside", {junk(4090) + "#EXTM3U", "video/x-flv", 200, 0, kEndless}, HLS_PROTOCOL_M3U8},
     };
-    for (const Case &c : cases) {
-        std::string body = c.body, type = c.content_type, path = c.path;
-        srv.server().Get(path, [&srv, body, type, path](const httplib::Request &, httplib::Response &res) {
-            srv.note_request(path);
-            res.set_content(body, type);
-        });
-    }
-    // Redirects are followed; the final response decides.
-    srv.server().Get("/hop", [](const httplib::Request &, httplib::Response &res) { res.set_redirect("/hop2"); });
-    srv.server().Get("/hop2", [](const httplib::Request &, httplib::Response &res) { res.set_redirect("/ts564"); });
-    srv.start();
-
+    for (const Case &c : cases)
+        site.on(c.path, c.reply);
     for (const Case &c : cases) {
         size_t before = err.count("Not Supported");
-        EXPECT_EQ(probe(srv.url(c.path)), c.protocol) << c.path;
-        EXPECT_EQ(srv.requests(c.path), 1u) << c.path;
+        auto start = Clock::now();
+        EXPECT_EQ(probe(site.url(c.path)), c.protocol) << c.path;
+        EXPECT_LT(seconds_between(start, Clock::now()), 2.0) << c.path << ": transfer not cut short";
         bool unsupported = c.protocol == HLS_PROTOCOL_UNSUPPORTED;
         EXPECT_EQ(err.count("Not Supported") - before, unsupported ? 1u : 0u) << c.path;
-        if (unsupported) {
-            std::string line = "get_url_actual_protocol>: Not Supported Content-Type[" + std::string(c.content_type) +
-                               "] for url[" + srv.url(c.path) + "]\n";
-            EXPECT_TRUE(err.contains(line)) << err.text();
-        }
+        std::string line = "get_url_actual_protocol>: Not Supported Content-Type[" + c.reply.type + "] for url[" + site.url(c.path);
+        EXPECT_EQ(err.contains(line + "]\n"), unsupported) << err.text();
     }
-    EXPECT_EQ(probe(srv.url("/hop")), HLS_PROTOCOL_TS);
-    EXPECT_EQ(srv.requests("/ts564"), 2u);
-}
-
-TEST_F(ProbeAttempt, GivesUpAfter4096BytesAndStopsEarlyOnASignature)
-{
-    StreamServer srv;
-    // Endless bodies: only an early decision ends these transfers quickly.
-    srv.stream("/late", "video/x-flv", [](int) {
-        StreamPlan plan = plan_of(junk(4097), SIZE_MAX, false, "#EXTM3U");
-        plan.interval = 100ms; // the marker comes well after the first 4097 bytes
-        return plan;
-    });
-    srv.stream("/inside", "video/x-flv", [](int) { return plan_of(junk(4090) + "#EXTM3U"); });
-    srv.stream("/endless-ts", "text/html", [](int) { return plan_of(ts_sync_prefix()); });
-    srv.start();
-    struct Case {
-        const char *path;
-        int32_t protocol;
-    } cases[] = {
-        {"/late", HLS_PROTOCOL_FLV},
-        {"/inside", HLS_PROTOCOL_M3U8},
-        {"/endless-ts", HLS_PROTOCOL_TS},
-    };
-    for (const Case &c : cases) {
-        auto start = Clock::now();
-        EXPECT_EQ(probe(srv.url(c.path)), c.protocol) << c.path;
-        EXPECT_LT(seconds_between(start, Clock::now()), 2.0) << c.path << ": transfer not cut short";
-    }
-}
-
-TEST_F(ProbeAttempt, NoContentTypeOrRefusedConnectionLeavesItOpen)
-{
-    StderrCapture err;
-    RawServer refused;
-    EXPECT_EQ(probe(refused.url("/")), HLS_PROTOCOL_UNKNOWN);
-    RawServer bare;
-    bare.listen_and_answer("HTTP/1.1 200 OK\r\nContent-Length: 20\r\nConnection: close\r\n\r\n" + junk(20));
-    EXPECT_EQ(probe(bare.url("/")), HLS_PROTOCOL_UNKNOWN);
-    EXPECT_EQ(bare.request_times().size(), 1u);
-    EXPECT_EQ(err.text(), "");
+    EXPECT_EQ(site.hits("/ts564"), 3u); // directly and through each redirect
+    EXPECT_EQ(site.hits("/ts563"), 1u);
 }
 
 class DownloadThread : public ClientTest {};
 
-bool thread_named(const std::string &name)
+// A loopback port that refuses connections while `fd`, bound to it but not
+// listening, stays open.
+int refusing_port(int &fd)
 {
-    DIR *dir = opendir("/proc/self/task");
-    if (!dir)
-        return false;
-    bool found = false;
-    while (dirent *entry = readdir(dir)) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string line;
-        if (std::getline(comm, line) && line == name)
-            found = true;
-    }
-    closedir(dir);
-    return found;
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(addr);
+    fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (bind(fd, (sockaddr *)&addr, len) != 0 || getsockname(fd, (sockaddr *)&addr, &len) != 0)
+        throw std::runtime_error("cannot bind a loopback port");
+    return ntohs(addr.sin_port);
 }
 
 TEST_F(DownloadThread, UndecidedProbeRepeatsEveryFiveSecondsUntilClosed)
@@ -209,61 +156,33 @@ TEST_F(DownloadThread, UndecidedProbeRepeatsEveryFiveSecondsUntilClosed)
     StderrCapture err;
     // Channel 2: answers without a Content-Type. Channel 3: refuses at first,
     // then answers with a type the library does not play.
-    RawServer bare, late;
-    bare.listen_and_answer("HTTP/1.1 200 OK\r\nContent-Length: 4\r\nConnection: close\r\n\r\nabcd");
-    hls_connect_param bare_param = make_param(bare.url("/"));
-    hls_connect_param late_param = make_param(late.url("/"));
+    Site bare([](int) { return Reply{"", ""}; });
+    int fd, port = refusing_port(fd);
     auto connected = Clock::now();
-    ASSERT_EQ(hls_client_connect(2, &bare_param), 0);
-    ASSERT_EQ(hls_client_connect(3, &late_param), 0);
+    connect_to(2, bare.url("/"));
+    connect_to(3, "http://127.0.0.1:" + std::to_string(port) + "/");
 
-    ASSERT_TRUE(test_host::wait_for([&] { return bare.request_times().size() == 1; }, 3s));
+    ASSERT_TRUE(test_host::wait_for([&] { return bare.hits("/") == 1; }, 3s));
     EXPECT_TRUE(test_host::wait_for([] { return thread_named("httpdown[2]") && thread_named("httpdown[3]"); }, 2s));
     std::this_thread::sleep_for(500ms);
-    late.listen_and_answer("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\n\r\nabcd");
+    close(fd);
+    Site late([](int) { return Reply{"abcd", "text/plain"}; }, port);
 
-    ASSERT_TRUE(test_host::wait_for([&] { return bare.request_times().size() == 2; }, 8s));
-    auto bare_times = bare.request_times();
-    double gap = seconds_between(bare_times[0], bare_times[1]);
+    ASSERT_TRUE(test_host::wait_for([&] { return bare.hits("/") == 2; }, 8s));
+    double gap = seconds_between(bare.nth_hit("/", 1), bare.nth_hit("/", 2));
     EXPECT_GE(gap, 4.9);
     EXPECT_LT(gap, 6.5);
-
     ASSERT_TRUE(test_host::wait_for([&] { return err.contains("Not Supported Content-Type[text/plain]"); }, 3s));
-    ASSERT_EQ(late.request_times().size(), 1u);
-    EXPECT_GE(seconds_between(connected, late.request_times()[0]), 4.9);
+    ASSERT_EQ(late.hits("/"), 1u);
+    EXPECT_GE(seconds_between(connected, late.nth_hit("/", 1)), 4.9);
 
     // Channel 2 is pausing again: closing it ends the pause at once.
     std::this_thread::sleep_for(100ms);
-    auto start = Clock::now();
-    EXPECT_EQ(hls_client_disconnect(2), 0);
-    EXPECT_LT(seconds_between(start, Clock::now()), 0.2);
+    EXPECT_LT(timed_disconnect(2), 0.2);
     EXPECT_FALSE(thread_named("httpdown[2]"));
-    EXPECT_EQ(hls_client_disconnect(3), 0);
-    EXPECT_EQ(bare.request_times().size(), 2u);
+    EXPECT_EQ(bare.hits("/"), 2u);
+    EXPECT_EQ(err.count("Not Supported"), 1u); // a missing type is no verdict
     EXPECT_EQ(test_host::events().size(), 0u); // no demultiplexer, no status
-}
-
-TEST_F(DownloadThread, PlaylistGoesNeitherToTheDirectPathsNorToTheContentType)
-{
-    // The bytes say playlist while the header says FLV: the thread must leave
-    // the direct paths alone (no FLV demultiplexer, nothing pushed into any
-    // demultiplexer, no unsupported type). What the playlist path does next
-    // is its own business; only its first request is counted here.
-    StderrCapture err;
-    StreamServer srv;
-    srv.server().Get("/live", [&srv](const httplib::Request &, httplib::Response &res) {
-        srv.note_request("/live");
-        res.set_content("\xEF\xBB\xBF\n#EXTM3U\n#EXT-X-TARGETDURATION:1\n", "video/x-flv");
-    });
-    srv.start();
-    hls_connect_param param = make_param(srv.url("/live"));
-    ASSERT_EQ(hls_client_connect(0, &param), 0);
-    ASSERT_TRUE(test_host::wait_for([&] { return srv.requests("/live") >= 1; }, 3s));
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(test_host::count([](const HostEvent &e) { return e.flv || e.kind == HostEvent::Put; }), 0u);
-    EXPECT_FALSE(err.contains("Not Supported"));
-    EXPECT_FALSE(err.contains("download_data_by_"));
-    EXPECT_EQ(hls_client_disconnect(0), 0);
 }
 
 std::atomic<int> g_signals{0};
@@ -277,27 +196,23 @@ TEST(HalSleep, ResumesAfterSignalsAndRejectsWholeSeconds)
     pthread_t sleeper = pthread_self();
     std::atomic<bool> done{false};
     std::thread pester([&] {
-        while (!done) {
+        for (; !done; std::this_thread::sleep_for(1ms))
             pthread_kill(sleeper, SIGUSR1);
-            std::this_thread::sleep_for(1ms);
-        }
     });
-    int before = g_signals;
     auto start = Clock::now();
-    int32_t result = hal_usleep(60000);
+    EXPECT_EQ(hal_usleep(60000), 0);
     double slept = seconds_between(start, Clock::now());
-    int during = g_signals - before;
+    int during = g_signals;
     done = true;
     pester.join();
     sigaction(SIGUSR1, &old, nullptr);
-    EXPECT_EQ(result, 0);
     EXPECT_GT(during, 3);    // the sleep really was interrupted
     EXPECT_GE(slept, 0.060); // and still lasted the whole time
 
     StderrCapture err;
     EXPECT_EQ(hal_usleep(1000000), -1);
     EXPECT_TRUE(err.contains("hal_usleep>: nanosleep errno 22\n")) << err.text();
-    EXPECT_EQ(hal_usleep(999999 - 999000), 0);
+    EXPECT_EQ(hal_usleep(999), 0);
 }
 
 } // namespace
