@@ -31,8 +31,7 @@ using Clock = std::chrono::steady_clock;
 
 inline hls_connect_param make_param(const std::string &url, int32_t low_bandwidth = 0)
 {
-    hls_connect_param param;
-    memset(&param, 0, sizeof(param));
+    hls_connect_param param{};
     snprintf(param.url, sizeof(param.url), "%s", url.c_str());
     param.low_bandwidth = low_bandwidth;
     param.connect_timeout = 2;
@@ -152,25 +151,26 @@ public:
     }
 
     std::string url(const std::string &target) const { return "http://127.0.0.1:" + std::to_string(port_) + target; }
-    // Request times of the targets that start with `prefix` (the exact target
-    // when `exact`), in request order.
-    std::vector<std::pair<std::string, Clock::time_point>> log(const std::string &prefix, bool exact = true)
+    // Request times of `target`, in order.
+    std::vector<Clock::time_point> times(const std::string &target)
     {
         std::lock_guard<std::mutex> guard(lock_);
-        std::vector<std::pair<std::string, Clock::time_point>> out;
+        std::vector<Clock::time_point> out;
         for (const auto &hit : log_)
-            if (exact ? hit.first == prefix : hit.first.compare(0, prefix.size(), prefix) == 0)
-                out.push_back(hit);
+            if (hit.first == target)
+                out.push_back(hit.second);
         return out;
     }
-    size_t hits(const std::string &target) { return log(target).size(); }
-    Clock::time_point nth_hit(const std::string &target, size_t n) { return log(target).at(n - 1).second; }
-    std::vector<std::string> order(const std::string &prefix, size_t first)
+    size_t hits(const std::string &target) { return times(target).size(); }
+    Clock::time_point nth_hit(const std::string &target, size_t n) { return times(target).at(n - 1); }
+    // The first `n` request targets that start with `prefix`, in order.
+    std::vector<std::string> order(const std::string &prefix, size_t n = SIZE_MAX)
     {
+        std::lock_guard<std::mutex> guard(lock_);
         std::vector<std::string> out;
-        for (const auto &hit : log(prefix, false))
-            out.push_back(hit.first);
-        out.resize(std::min(out.size(), first));
+        for (const auto &hit : log_)
+            if (out.size() < n && hit.first.compare(0, prefix.size(), prefix) == 0)
+                out.push_back(hit.first);
         return out;
     }
 

@@ -111,7 +111,7 @@ TEST_F(HlsPlayback, MediaPlaylistFirstPlaysSegmentsInOrderAndReloadsHostUrl)
     // of the host's URL while nothing is pending; no variant is ever fetched.
     EXPECT_EQ(site_.order("/m/", 7), (std::vector<std::string>{"/m/index.m3u8", "/m/index.m3u8", "/m/seg0.ts", "/m/seg1.ts",
                                                                 "/m/index.m3u8", "/m/seg2.ts", "/m/index.m3u8"}));
-    EXPECT_EQ(site_.log("/", false).size(), site_.hits("/m/index.m3u8") + 3);
+    EXPECT_EQ(site_.order("/").size(), site_.hits("/m/index.m3u8") + 3);
     EXPECT_EQ(payloads_of(2), (std::vector<std::string>{"s0v0", "s0a0", "s0v1", "s0a1", "s1v0", "s1a0", "s1v1", "s1a1",
                                                          "s2v0", "s2a0", "s2v1", "s2a1"}));
     EXPECT_EQ(statuses_of(2), kStarted);
@@ -318,22 +318,19 @@ TEST_F(HlsPlayback, VideoPacedAtFrameRateAudioUnpacedAndDownloadsHeldWhileQueueI
     ASSERT_TRUE(wait([&] { return site_.hits("/p/seg1.ts") == 1 && test_host::frame_count(6) >= 90; }));
 
     auto frames = events_where([](const HostEvent &e) { return e.kind == HostEvent::Frame; });
+    // With 30 or more video frames queued the pace is the stream's own: 25
+    // frames take one second. No wait ever follows an audio frame.
     std::vector<Clock::time_point> video;
-    std::vector<double> after_video, after_audio; // gap to the next frame
-    for (size_t i = 0; i + 1 < frames.size() && i < 80; i++) {
-        bool is_video = test_host::is_video(frames[i].info);
-        (is_video ? after_video : after_audio).push_back(seconds_between(frames[i].at, frames[i + 1].at));
-        if (is_video)
+    std::vector<double> after_audio; // gap to the next frame
+    for (size_t i = 0; i + 1 < frames.size() && i < 80; i++)
+        if (test_host::is_video(frames[i].info))
             video.push_back(frames[i].at);
-    }
-    // With 30 or more video frames queued the pace is the stream's own:
-    // 25 frames take one second.
+        else
+            after_audio.push_back(seconds_between(frames[i].at, frames[i + 1].at));
     ASSERT_GE(video.size(), 26u);
     EXPECT_GT(seconds_between(video[0], video[25]), 0.85);
     EXPECT_LT(seconds_between(video[0], video[25]), 1.4);
-    std::sort(after_video.begin(), after_video.end());
     std::sort(after_audio.begin(), after_audio.end());
-    EXPECT_GT(after_video[after_video.size() / 2], 0.025);
     EXPECT_LT(after_audio[after_audio.size() / 2], 0.005);
 
     // seg1 was held back until fewer than 30 video frames were queued, that
@@ -381,18 +378,6 @@ TEST_F(HlsPlayback, DisconnectAtAnyStageEndsBothThreadsAndReportsOnce)
     size_t events = test_host::events().size();
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(test_host::events().size(), events);
-}
-
-TEST_F(HlsPlayback, HolderPartFailureEndsTheChannelQuietly)
-{
-    test_host::fail_ts_new = true;
-    site_.on("/h/index.m3u8", media({{"s.ts", "1.0"}}));
-    connect_to(7, site_.url("/h/index.m3u8"));
-    ASSERT_TRUE(wait([&] { return site_.hits("/h/index.m3u8") == 1; }));
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(site_.hits("/h/index.m3u8"), 1u);
-    EXPECT_LT(timed_disconnect(7), 0.2);
-    EXPECT_TRUE(test_host::events().empty());
 }
 
 } // namespace

@@ -16,14 +16,7 @@ std::string junk(size_t n) { return std::string(n, 'z'); }
 TEST(ProbeSniffer, DecidesOnAccumulatedBytesAtEachBoundary)
 {
     const std::string ts = ts_sync_prefix(752);
-    std::string ts_bad_third = ts.substr(0, 564);
-    ts_bad_third[376] = 'x';
-    std::string ts_bad_partial = ts.substr(0, 565);
-    ts_bad_partial[564] = '\0';
-    std::string ts_bad_fourth = ts;
-    ts_bad_fourth[564] = 'x';
-    std::string ts_with_marker = ts.substr(0, 564);
-    ts_with_marker.replace(10, 7, "#EXTM3U");
+    auto edit = [](std::string s, size_t at, const std::string &with) { return s.replace(at, with.size(), with); };
 
     struct Case {
         const char *what;
@@ -37,11 +30,11 @@ TEST(ProbeSniffer, DecidesOnAccumulatedBytesAtEachBoundary)
         {"FLV wins over a marker", {"FLV#EXTM3U"}, 0, HLS_PROTOCOL_FLV},
         {"563 bytes of packets", {ts.substr(0, 563)}, -1, HLS_PROTOCOL_UNKNOWN},
         {"564th byte completes three packets", {ts.substr(0, 563), ts.substr(563, 1)}, 1, HLS_PROTOCOL_TS},
-        {"bad third sync byte", {ts_bad_third}, -1, HLS_PROTOCOL_UNKNOWN},
-        {"partial fourth packet without sync", {ts_bad_partial}, -1, HLS_PROTOCOL_UNKNOWN},
+        {"bad third sync byte", {edit(ts.substr(0, 564), 376, "x")}, -1, HLS_PROTOCOL_UNKNOWN},
+        {"partial fourth packet without sync", {edit(ts.substr(0, 565), 564, std::string(1, 0))}, -1, HLS_PROTOCOL_UNKNOWN},
         {"partial fourth packet with sync", {ts.substr(0, 565)}, 0, HLS_PROTOCOL_TS},
-        {"fourth packet without sync", {ts_bad_fourth}, -1, HLS_PROTOCOL_UNKNOWN},
-        {"TS wins over a marker", {ts_with_marker}, 0, HLS_PROTOCOL_TS},
+        {"fourth packet without sync", {edit(ts, 564, "x")}, -1, HLS_PROTOCOL_UNKNOWN},
+        {"TS wins over a marker", {edit(ts.substr(0, 564), 10, "#EXTM3U")}, 0, HLS_PROTOCOL_TS},
         {"marker at start", {"#EXTM3U\n"}, 0, HLS_PROTOCOL_M3U8},
         {"marker after BOM", {"\xEF\xBB\xBF#EXTM3U\n"}, 0, HLS_PROTOCOL_M3U8},
         {"marker split across pieces", {"\r\n\n#EXT", "M3U\n"}, 1, HLS_PROTOCOL_M3U8},
