@@ -74,6 +74,7 @@ inline std::vector<HostEvent> events_where(const std::function<bool(const HostEv
     return out;
 }
 
+const std::vector<int32_t> kStarted{HLS_STREAM_STARTED}, kStartedStopped{HLS_STREAM_STARTED, HLS_STREAM_STOPPED};
 inline std::vector<int32_t> statuses_of(int32_t channel)
 {
     std::vector<int32_t> out;

@@ -78,7 +78,7 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
             }
         }
         EXPECT_EQ(frames, kind.frames);
-        EXPECT_EQ(statuses_of(channel), (std::vector<int32_t>{HLS_STREAM_STARTED, HLS_STREAM_STOPPED}));
+        EXPECT_EQ(statuses_of(channel), kStartedStopped);
         EXPECT_EQ(err_.count(std::string(kind.function) + ">: curl_easy_perform(" + site_.url(kind.path) +
                              ") immediately return CURLE_OK!\n"),
                   1u)

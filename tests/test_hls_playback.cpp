@@ -70,7 +70,6 @@ std::string segment(const std::string &tag, int video, int audio = 0, uint8_t ra
 
 const std::string kIncomplete = "#EXTM3U\n";
 const char *const kType = "application/vnd.apple.mpegurl";
-const std::vector<int32_t> kStarted{HLS_STREAM_STARTED}, kStartedStopped{HLS_STREAM_STARTED, HLS_STREAM_STOPPED};
 
 std::vector<std::string> payloads_of(int channel)
 {
@@ -98,79 +97,42 @@ protected:
     Site site_;
 };
 
-TEST_F(HlsPlayback, MediaPlaylistFirstPlaysSegmentsInOrderAndReloadsHostUrl)
-{
-    site_.playlist("/m/index.m3u8", media({{"seg0.ts", "1.0"}, {"seg1.ts", "1.0"}, {"seg2.ts", "1.0"}}));
-    for (int i = 0; i < 3; i++)
-        site_.on("/m/seg" + std::to_string(i) + ".ts", segment("s" + std::to_string(i), 2, 1));
-    connect_to(2, site_.url("/m/index.m3u8"));
-
-    ASSERT_TRUE(wait([&] { return test_host::frame_count(2) == 12 && site_.hits("/m/index.m3u8") >= 5; }));
-    EXPECT_TRUE(thread_named("hls_ctrl[2]"));
-    // Probe, first load, then a reload once one segment is left, then reloads
-    // of the host's URL while nothing is pending; no variant is ever fetched.
-    EXPECT_EQ(site_.order("/m/", 7), (std::vector<std::string>{"/m/index.m3u8", "/m/index.m3u8", "/m/seg0.ts", "/m/seg1.ts",
-                                                                "/m/index.m3u8", "/m/seg2.ts", "/m/index.m3u8"}));
-    EXPECT_EQ(site_.order("/").size(), site_.hits("/m/index.m3u8") + 3);
-    EXPECT_EQ(payloads_of(2), (std::vector<std::string>{"s0v0", "s0a0", "s0v1", "s0a1", "s1v0", "s1a0", "s1v1", "s1a1",
-                                                         "s2v0", "s2a0", "s2v1", "s2a1"}));
-    EXPECT_EQ(statuses_of(2), kStarted);
-    // Frames reach the host on one delivery thread, never on the thread that
-    // feeds the demultiplexer.
-    auto frames = events_where([](const HostEvent &e) { return e.kind == HostEvent::Frame; });
-    auto puts = events_where([](const HostEvent &e) { return e.kind == HostEvent::Put; });
-    for (const HostEvent &e : frames)
-        EXPECT_EQ(e.thread, frames.front().thread);
-    EXPECT_NE(puts.front().thread, frames.front().thread);
-    EXPECT_NE(frames.front().thread, std::this_thread::get_id());
-
-    timed_disconnect(2);
-    EXPECT_EQ(statuses_of(2), kStartedStopped);
-    EXPECT_FALSE(thread_named("hls_ctrl[2]"));
-}
-
 TEST_F(HlsPlayback, MasterPlaylistChoosesVariantOnceAndJoinsItsUri)
 {
     const std::string variants = master({{800000, "low/index.m3u8"}, {2000000, "hi/index.m3u8"}, {1200000, "mid.m3u8"}});
-    struct Channel {
-        int low_bandwidth;
-        std::string host, media_target, tag;
-        uint64_t bandwidth;
-    } channels[] = {
-        {0, "/a/index.m3u8", "/a/hi/index.m3u8", "hi", 2000000},
-        {1, "/b/index.m3u8", "/b/low/index.m3u8", "low", 800000},
-    };
+    const std::string tags[] = {"hi", "low"}; // chosen with low_bandwidth 0 and 1
+    const uint64_t bandwidths[] = {2000000, 800000};
     for (int ch : {0, 1}) {
-        const Channel &c = channels[ch];
-        site_.playlist(c.host, variants);
-        site_.playlist(c.media_target, media({{"s.ts", "1.0"}}));
-        site_.on(c.media_target.substr(0, c.media_target.rfind('/') + 1) + "s.ts", segment(c.tag, 1));
-        connect_to(ch, site_.url(c.host), c.low_bandwidth);
+        site_.playlist("/" + tags[ch] + "/index.m3u8", variants);
+        site_.playlist("/" + tags[ch] + "/" + tags[ch] + "/index.m3u8", media({{"s.ts", "1.0"}}));
+        site_.on("/" + tags[ch] + "/" + tags[ch] + "/s.ts", segment(tags[ch], 1));
+        connect_to(ch, site_.url("/" + tags[ch] + "/index.m3u8"), ch);
     }
     for (int ch : {0, 1}) {
-        const Channel &c = channels[ch];
-        // Reloads go to the variant only: the first playlist is fetched by
-        // the probe and the first load, never again.
-        ASSERT_TRUE(wait([&] { return site_.hits(c.media_target) >= 3 && test_host::frame_count(ch) == 1; }));
-        EXPECT_EQ(site_.hits(c.host), 2u);
-        EXPECT_EQ(payloads_of(ch), std::vector<std::string>{c.tag + "v0"});
+        const std::string dir = "/" + tags[ch] + "/", variant = dir + tags[ch] + "/index.m3u8";
+        // Reloads go to the chosen variant only: the first playlist is
+        // fetched by the probe and the first load, never again.
+        ASSERT_TRUE(wait([&] { return site_.hits(variant) >= 3 && test_host::frame_count(ch) == 1; }));
+        auto fetched = site_.order(dir);
+        EXPECT_EQ(std::count(fetched.begin(), fetched.end(), variant) + 3, (long)fetched.size());
+        EXPECT_EQ(site_.hits(dir + "index.m3u8"), 2u);
+        EXPECT_EQ(payloads_of(ch), std::vector<std::string>{tags[ch] + "v0"});
         // Each load of the variant sets the cap to its declared bandwidth,
         // whether or not the text changed.
         std::vector<uint64_t> caps = caps_of(ch);
         EXPECT_GE(caps.size(), 2u);
-        EXPECT_EQ(caps, std::vector<uint64_t>(caps.size(), c.bandwidth));
+        EXPECT_EQ(caps, std::vector<uint64_t>(caps.size(), bandwidths[ch]));
         EXPECT_EQ(statuses_of(ch), kStarted);
         timed_disconnect(ch);
         EXPECT_EQ(statuses_of(ch), kStartedStopped);
     }
-    EXPECT_EQ(site_.hits("/a/low/index.m3u8") + site_.hits("/b/hi/index.m3u8") + site_.hits("/a/mid.m3u8"), 0u);
 }
 
-TEST_F(HlsPlayback, FailedSegmentIsSkippedAndCapComesFromTheFirstGoodOne)
+TEST_F(HlsPlayback, MediaPlaylistFirstPlaysInOrderSkipsFailedSegmentAndReloadsHostUrl)
 {
     // seg0 is missing: the loop goes straight on to seg1, with no reload
     // check in between although only seg1 is then pending, and measures seg1.
-    std::string seg1 = segment("g", 2, 0, 25, 0, 3000);
+    std::string seg1 = segment("g", 2, 1, 25, 0, 3000);
     site_.on("/s/index.m3u8", [](int hit) {
         return Reply{hit <= 2 ? media({{"seg0.ts", "2.0"}, {"seg1.ts", "2.0"}})
                               : media({{"seg1.ts", "2.0"}, {"seg2.ts", "0.3"}, {"seg3.ts", "5.0"}}, 1),
@@ -182,15 +144,33 @@ TEST_F(HlsPlayback, FailedSegmentIsSkippedAndCapComesFromTheFirstGoodOne)
     site_.on("/s/seg3.ts", segment("e", 1));
     connect_to(4, site_.url("/s/index.m3u8"));
 
-    ASSERT_TRUE(wait([&] { return site_.hits("/s/seg3.ts") == 1 && test_host::frame_count(4) == 4; }));
-    EXPECT_EQ(site_.order("/s/", 8), (std::vector<std::string>{"/s/index.m3u8", "/s/index.m3u8", "/s/seg0.ts", "/s/seg1.ts",
-                                                               "/s/index.m3u8", "/s/seg2.ts", "/s/index.m3u8", "/s/seg3.ts"}));
-    EXPECT_EQ(payloads_of(4), (std::vector<std::string>{"gv0", "gv1", "lv0", "ev0"}));
+    ASSERT_TRUE(wait([&] { return test_host::frame_count(4) == 6 && site_.hits("/s/index.m3u8") >= 5; }));
+    EXPECT_TRUE(thread_named("hls_ctrl[4]"));
+    // Probe and first load; a reload once nothing is pending, another once one
+    // segment is left, then reloads of the host's URL; never a variant.
+    EXPECT_EQ(site_.order("/s/", 9), (std::vector<std::string>{"/s/index.m3u8", "/s/index.m3u8", "/s/seg0.ts", "/s/seg1.ts",
+                                                               "/s/index.m3u8", "/s/seg2.ts", "/s/index.m3u8", "/s/seg3.ts",
+                                                               "/s/index.m3u8"}));
+    auto fetched = site_.order("/");
+    EXPECT_EQ(std::count(fetched.begin(), fetched.end(), "/s/index.m3u8") + 4, (long)fetched.size());
+    EXPECT_EQ(payloads_of(4), (std::vector<std::string>{"gv0", "ga0", "gv1", "ga1", "lv0", "ev0"}));
+    EXPECT_EQ(statuses_of(4), kStarted);
     // A media playlist as first playlist never sets a cap on load: the first
     // is 1.5 x seg1's bit rate (bytes x 8 x 1.5 / 2 s), the second 5/4 of it,
     // and the on-time seg3 leaves it alone.
     uint64_t first = (uint64_t)seg1.size() * 6;
     EXPECT_EQ(caps_of(4), (std::vector<uint64_t>{first, first * 5 / 4}));
+    // Frames reach the host on one delivery thread, never on the thread that
+    // feeds the demultiplexer.
+    auto frames = events_where([](const HostEvent &e) { return e.kind == HostEvent::Frame; });
+    auto puts = events_where([](const HostEvent &e) { return e.kind == HostEvent::Put; });
+    for (const HostEvent &e : frames)
+        EXPECT_EQ(e.thread, frames.front().thread);
+    EXPECT_NE(puts.front().thread, frames.front().thread);
+    EXPECT_NE(frames.front().thread, std::this_thread::get_id());
+    timed_disconnect(4);
+    EXPECT_EQ(statuses_of(4), kStartedStopped);
+    EXPECT_FALSE(thread_named("hls_ctrl[4]"));
 }
 
 std::atomic<uint32_t> g_fake_ms{0};
@@ -220,90 +200,72 @@ TEST_F(HlsPlayback, LateSegmentRaisesVariantCapUntilTheNextLoad)
     EXPECT_EQ(std::vector<uint64_t>(caps.begin() + 5, caps.end()), std::vector<uint64_t>(caps.size() - 5, 1000000));
 }
 
-TEST_F(HlsPlayback, PlaylistFailuresWaitFiveSecondsAndDisconnectCutsTheWait)
+TEST_F(HlsPlayback, FailedDownloadsWaitFiveSecondsAndUnusablePlaylistsEndTheLoop)
 {
     StderrCapture capture;
+    const std::string first = master({{300000, "v.m3u8"}}), variant = media({{"s.ts", "1.0"}});
     // 0: the first playlist fails once after the probe.
-    site_.on("/r0/index.m3u8", [](int hit) { return Reply{media({{"s.ts", "1.0"}}), kType, hit == 2 ? 503 : 200, hit > 3 ? 15 : 0}; });
+    site_.on("/0/index.m3u8", [variant](int hit) { return Reply{variant, kType, hit == 2 ? 503 : 200, hit > 3 ? 15 : 0}; });
     // 1: the variant fails once; the retry starts again from the first playlist.
-    const std::string first = master({{300000, "v.m3u8"}});
-    site_.playlist("/r1/index.m3u8", first);
-    site_.on("/r1/v.m3u8", [](int hit) { return Reply{media({{"s.ts", "1.0"}}), kType, hit == 1 ? 404 : 200, hit > 2 ? 15 : 0}; });
-    for (int ch : {0, 1})
-        site_.on("/r" + std::to_string(ch) + "/s.ts", segment("r", 1));
+    site_.playlist("/1/index.m3u8", first);
+    site_.on("/1/v.m3u8", [variant](int hit) { return Reply{variant, kType, hit == 1 ? 404 : 200, hit > 2 ? 15 : 0}; });
     // 2: after the wait the first playlist has become unusable: the message
     // shows the master text accepted before, and the host hears nothing.
-    site_.on("/r2/index.m3u8", [first](int hit) { return Reply{hit <= 2 ? first : kIncomplete}; });
+    site_.on("/2/index.m3u8", [first](int hit) { return Reply{hit <= 2 ? first : kIncomplete}; });
     // 3: the first playlist always fails; the channel is closed in the wait.
-    site_.on("/r3/index.m3u8", [](int hit) { return Reply{kIncomplete, kType, hit == 1 ? 200 : 500}; });
-    for (int ch = 0; ch < 4; ch++)
-        connect_to(ch, site_.url("/r" + std::to_string(ch) + "/index.m3u8"));
+    site_.on("/3/index.m3u8", [](int hit) { return Reply{kIncomplete, kType, hit == 1 ? 200 : 500}; });
+    // 4: first playlist unusable from the start; 5: its variant.
+    site_.on("/4/index.m3u8", kIncomplete);
+    site_.on("/5/index.m3u8", first);
+    site_.on("/5/v.m3u8", kIncomplete);
+    // 6: a media first playlist that turns unusable on its first reload; 7: a variant.
+    site_.on("/6/index.m3u8", [variant](int hit) { return Reply{hit <= 2 ? variant : kIncomplete}; });
+    site_.on("/7/index.m3u8", first);
+    site_.on("/7/v.m3u8", [variant](int hit) { return Reply{hit == 1 ? variant : kIncomplete}; });
+    for (int ch = 0; ch < 8; ch++) {
+        site_.on("/" + std::to_string(ch) + "/s.ts", segment("s", 1));
+        connect_to(ch, site_.url("/" + std::to_string(ch) + "/index.m3u8"));
+    }
 
-    ASSERT_TRUE(wait([&] { return site_.hits("/r3/index.m3u8") == 2; }));
+    ASSERT_TRUE(wait([&] { return site_.hits("/3/index.m3u8") == 2; }));
     std::this_thread::sleep_for(300ms); // well inside the wait
     EXPECT_LT(timed_disconnect(3), 0.2);
-    EXPECT_EQ(site_.hits("/r3/index.m3u8"), 2u);
-
+    EXPECT_EQ(site_.hits("/3/index.m3u8"), 2u);
+    // Each ending loop halts its queue, whose delivery thread reports it
+    // before it is joined; the started streams then report their stop.
     ASSERT_TRUE(wait([&] {
-        return test_host::frame_count(0) == 1 && test_host::frame_count(1) == 1 &&
-               capture.contains("First playlist: Incomplete M3U8 data[" + first + "].") && capture.contains("frame_queue_get(2) failed!");
+        for (int ch : {2, 4, 5, 6, 7})
+            if (!capture.contains("frame_queue_get(" + std::to_string(ch) + ") failed!"))
+                return false;
+        return test_host::frame_count(0) == 1 && test_host::frame_count(1) == 1 && statuses_of(6).size() == 2 &&
+               statuses_of(7).size() == 2;
     }));
-    for (double waited : {seconds_between(site_.nth_hit("/r0/index.m3u8", 2), site_.nth_hit("/r0/index.m3u8", 3)),
-                          seconds_between(site_.nth_hit("/r1/v.m3u8", 1), site_.nth_hit("/r1/index.m3u8", 3))}) {
+    for (double waited : {seconds_between(site_.nth_hit("/0/index.m3u8", 2), site_.nth_hit("/0/index.m3u8", 3)),
+                          seconds_between(site_.nth_hit("/1/v.m3u8", 1), site_.nth_hit("/1/index.m3u8", 3))}) {
         EXPECT_GE(waited, 4.95);
         EXPECT_LT(waited, 6.5);
     }
-    EXPECT_EQ(site_.order("/r1/", 5),
-              (std::vector<std::string>{"/r1/index.m3u8", "/r1/index.m3u8", "/r1/v.m3u8", "/r1/index.m3u8", "/r1/v.m3u8"}));
-    EXPECT_EQ(statuses_of(1), kStarted);
-    for (int ch = 0; ch < 3; ch++)
-        timed_disconnect(ch);
-    EXPECT_TRUE(statuses_of(2).empty() && statuses_of(3).empty());
-    EXPECT_EQ(statuses_of(0), kStartedStopped);
-}
-
-TEST_F(HlsPlayback, IncompletePlaylistEndsTheLoopAndReportsOnlyAStartedStream)
-{
-    StderrCapture capture;
-    const std::string variant = media({{"s.ts", "1.0"}});
-    // 0: first playlist unusable from the start.
-    site_.on("/i0/index.m3u8", kIncomplete);
-    // 1: master fine, variant unusable from the start.
-    site_.on("/i1/index.m3u8", master({{100, "v.m3u8"}}));
-    site_.on("/i1/v.m3u8", kIncomplete);
-    // 2: a media first playlist that turns unusable on its first reload.
-    site_.on("/i2/index.m3u8", [variant](int hit) { return Reply{hit <= 2 ? variant : kIncomplete}; });
-    // 3: a variant that turns unusable on its first reload.
-    site_.on("/i3/index.m3u8", master({{100, "v.m3u8"}}));
-    site_.on("/i3/v.m3u8", [variant](int hit) { return Reply{hit == 1 ? variant : kIncomplete}; });
-    for (int ch = 0; ch < 4; ch++) {
-        site_.on("/i" + std::to_string(ch) + "/s.ts", segment("i", 1));
-        connect_to(ch, site_.url("/i" + std::to_string(ch) + "/index.m3u8"));
-    }
-
-    // Each delivery thread reports the halted queue once before it is joined;
-    // the started streams then report their stop.
-    ASSERT_TRUE(wait([&] {
-        for (int ch = 0; ch < 4; ch++)
-            if (!capture.contains("frame_queue_get(" + std::to_string(ch) + ") failed!"))
-                return false;
-        return statuses_of(2).size() == 2 && statuses_of(3).size() == 2;
-    }));
-    // A media text never lands in the master slot, so channel 2 has no text to
+    EXPECT_EQ(site_.order("/1/", 5), (std::vector<std::string>{"/1/index.m3u8", "/1/index.m3u8", "/1/v.m3u8", "/1/index.m3u8", "/1/v.m3u8"}));
+    // A media text never lands in the master slot, so channel 6 has no text to
     // show either. (Prefix and message are separate writes that concurrent
     // channels may interleave, so they are counted apart.)
+    EXPECT_EQ(capture.count("First playlist: Incomplete M3U8 data[" + first + "].\n"), 1u);
     EXPECT_EQ(capture.count("First playlist: Incomplete M3U8 data[(null)].\n"), 2u);
     EXPECT_EQ(capture.count("Second playlist: Incomplete M3U8 data[(null)].\n"), 1u);
     EXPECT_EQ(capture.count("Second playlist: Incomplete M3U8 data[" + variant + "].\n"), 1u);
-    EXPECT_EQ(capture.count(", parse_master_m3u8>: "), 2u);
+    EXPECT_EQ(capture.count(", parse_master_m3u8>: "), 3u);
     EXPECT_EQ(capture.count(", parse_sub_m3u8>: "), 2u);
-    EXPECT_EQ(payloads_of(2), std::vector<std::string>{"iv0"});
-    EXPECT_EQ(payloads_of(3), std::vector<std::string>{"iv0"});
-    // The streams ended by themselves: closing the channels reports nothing more.
-    for (int ch = 0; ch < 4; ch++)
-        EXPECT_LT(timed_disconnect(ch), 0.2);
-    for (int ch = 0; ch < 4; ch++)
-        EXPECT_EQ(statuses_of(ch), ch < 2 ? std::vector<int32_t>{} : kStartedStopped) << ch;
+    for (int ch : {0, 1, 6, 7})
+        EXPECT_EQ(payloads_of(ch), std::vector<std::string>{"sv0"}) << ch;
+    EXPECT_EQ(statuses_of(0), kStarted);
+    EXPECT_EQ(statuses_of(1), kStarted);
+    // Streams that ended by themselves report nothing more when closed.
+    for (int ch : {2, 4, 5, 6, 7})
+        EXPECT_LT(timed_disconnect(ch), 0.2) << ch;
+    timed_disconnect(0);
+    timed_disconnect(1);
+    for (int ch = 0; ch < 8; ch++)
+        EXPECT_EQ(statuses_of(ch), ch < 2 || ch > 5 ? kStartedStopped : std::vector<int32_t>{}) << ch;
 }
 
 TEST_F(HlsPlayback, VideoPacedAtFrameRateAudioUnpacedAndDownloadsHeldWhileQueueIsFull)
