@@ -157,7 +157,7 @@ TEST(HlsVariantUrl, JoinsAfterLastSlashOrTakesAbsoluteUriWithinTheField)
         memset(&g, 0x5a, sizeof(g));
         memcpy(g.url, c.base.c_str(), c.base.size() + 1);
         EXPECT_EQ(hls_variant_url(g.url, c.uri.c_str()), c.result) << c.base << " + " << c.uri;
-        EXPECT_EQ(std::string(g.url), c.expect) << c.base << " + " << c.uri;
+        EXPECT_EQ(std::string(g.url, strnlen(g.url, sizeof(g.url))), c.expect) << c.base << " + " << c.uri;
         EXPECT_EQ(std::string(g.before, 16) + std::string(g.after, 16), std::string(32, 0x5a)) << c.base << " + " << c.uri;
     }
 }

@@ -135,29 +135,30 @@ TEST_F(HlsPlayback, MediaPlaylistFirstPlaysInOrderSkipsFailedSegmentAndReloadsHo
     std::string seg1 = segment("g", 2, 1, 25, 0, 3000);
     site_.on("/s/index.m3u8", [](int hit) {
         return Reply{hit <= 2 ? media({{"seg0.ts", "2.0"}, {"seg1.ts", "2.0"}})
-                              : media({{"seg1.ts", "2.0"}, {"seg2.ts", "0.3"}, {"seg3.ts", "5.0"}}, 1),
+                              : media({{"seg1.ts", "2.0"}, {"seg2.ts", "0.3"}, {"seg3.ts", "5.0"}, {"seg4.ts", "5.0"}}, 1),
                      kType, 200, hit > 4 ? 15 : 0};
     });
     site_.on("/s/seg1.ts", seg1);
     // seg2 arrives after its 300 ms slot: late, the cap rises by a quarter.
     site_.on("/s/seg2.ts", Reply{segment("l", 1), kType, 200, 450});
     site_.on("/s/seg3.ts", segment("e", 1));
+    site_.on("/s/seg4.ts", segment("f", 1));
     connect_to(4, site_.url("/s/index.m3u8"));
 
-    ASSERT_TRUE(wait([&] { return test_host::frame_count(4) == 6 && site_.hits("/s/index.m3u8") >= 5; }));
+    ASSERT_TRUE(wait([&] { return test_host::frame_count(4) == 7 && site_.hits("/s/index.m3u8") >= 5; }));
     EXPECT_TRUE(thread_named("hls_ctrl[4]"));
-    // Probe and first load; a reload once nothing is pending, another once one
-    // segment is left, then reloads of the host's URL; never a variant.
-    EXPECT_EQ(site_.order("/s/", 9), (std::vector<std::string>{"/s/index.m3u8", "/s/index.m3u8", "/s/seg0.ts", "/s/seg1.ts",
-                                                               "/s/index.m3u8", "/s/seg2.ts", "/s/index.m3u8", "/s/seg3.ts",
-                                                               "/s/index.m3u8"}));
+    // Probe and first load; a reload once nothing is pending, none while two
+    // are, another once one is left, then reloads of the host's URL; never a variant.
+    EXPECT_EQ(site_.order("/s/", 10), (std::vector<std::string>{"/s/index.m3u8", "/s/index.m3u8", "/s/seg0.ts", "/s/seg1.ts",
+                                                                "/s/index.m3u8", "/s/seg2.ts", "/s/seg3.ts", "/s/index.m3u8",
+                                                                "/s/seg4.ts", "/s/index.m3u8"}));
     auto fetched = site_.order("/");
-    EXPECT_EQ(std::count(fetched.begin(), fetched.end(), "/s/index.m3u8") + 4, (long)fetched.size());
-    EXPECT_EQ(payloads_of(4), (std::vector<std::string>{"gv0", "ga0", "gv1", "ga1", "lv0", "ev0"}));
+    EXPECT_EQ(std::count(fetched.begin(), fetched.end(), "/s/index.m3u8") + 5, (long)fetched.size());
+    EXPECT_EQ(payloads_of(4), (std::vector<std::string>{"gv0", "ga0", "gv1", "ga1", "lv0", "ev0", "fv0"}));
     EXPECT_EQ(statuses_of(4), kStarted);
     // A media playlist as first playlist never sets a cap on load: the first
     // is 1.5 x seg1's bit rate (bytes x 8 x 1.5 / 2 s), the second 5/4 of it,
-    // and the on-time seg3 leaves it alone.
+    // and the on-time seg3 and seg4 leave it alone.
     uint64_t first = (uint64_t)seg1.size() * 6;
     EXPECT_EQ(caps_of(4), (std::vector<uint64_t>{first, first * 5 / 4}));
     // Frames reach the host on one delivery thread, never on the thread that
