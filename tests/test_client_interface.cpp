@@ -1,0 +1,275 @@
+// The four exported calls: argument checks in their order, every result code,
+// slot occupancy, and closing channels on disconnect and tear-down.
+#include <sys/resource.h>
+
+#include "channel_stream_fixture.h"
+#include "hls_demux.h"
+
+namespace {
+
+// Answers every path with a page the library does not play: the download
+// thread probes once, writes "Not Supported" and ends, keeping its slot.
+struct PageServer {
+    StreamServer srv;
+    PageServer()
+    {
+        srv.server().Get(".*", [this](const httplib::Request &req, httplib::Response &res) {
+            srv.note_request(req.path);
+            res.set_content("<html></html>", "text/html");
+        });
+        srv.start();
+    }
+};
+
+TEST(ClientInterface, InitRejectsBadArgumentsAndRecordsNothing)
+{
+    struct Case {
+        int32_t channels;
+        hls_frame_cb frame;
+        hls_status_cb status;
+    } cases[] = {
+        {0, test_host::frame_cb, test_host::status_cb},
+        {-1, test_host::frame_cb, test_host::status_cb},
+        {INT32_MIN, test_host::frame_cb, test_host::status_cb},
+        {1, nullptr, test_host::status_cb},
+        {1, test_host::frame_cb, nullptr},
+    };
+    hls_connect_param param = make_param("http://127.0.0.1:1/");
+    for (const Case &c : cases) {
+        EXPECT_EQ(hls_client_init(c.channels, c.frame, c.status, "/tmp"), -2) << c.channels;
+        EXPECT_EQ(hls_client_connect(0, &param), -3);
+        EXPECT_EQ(hls_client_disconnect(0), -3);
+    }
+    EXPECT_EQ(hls_client_destroy(), 0);
+}
+
+TEST(ClientInterface, CallsOutsideInitAndDestroyAreRefused)
+{
+    hls_connect_param param = make_param("http://127.0.0.1:1/");
+    EXPECT_EQ(hls_client_destroy(), 0); // never initialised
+    EXPECT_EQ(hls_client_connect(0, &param), -3);
+    EXPECT_EQ(hls_client_connect(-1, nullptr), -3); // not initialised wins over bad arguments
+    EXPECT_EQ(hls_client_disconnect(0), -3);
+
+    ASSERT_EQ(hls_client_init(1, test_host::frame_cb, test_host::status_cb, nullptr), 0);
+    EXPECT_EQ(hls_client_destroy(), 0);
+    EXPECT_EQ(hls_client_connect(0, &param), -3);
+    EXPECT_EQ(hls_client_disconnect(0), -3);
+    EXPECT_EQ(hls_client_destroy(), 0);
+}
+
+class ConnectTest : public ClientTest {};
+
+TEST_F(ConnectTest, ArgumentsAreCheckedInOrder)
+{
+    PageServer pages;
+    const std::string base = pages.srv.url("/");
+    hls_connect_param good = make_param(base + "ok");
+    std::string long_url = base + std::string(511 - base.size(), 'u');
+    ASSERT_EQ(long_url.size(), 511u);
+
+    struct Case {
+        const char *what;
+        int32_t channel;
+        std::function<void(hls_connect_param &)> edit;
+        bool null_param;
+        int32_t expect;
+    } cases[] = {
+        {"channel -1", -1, nullptr, false, -2},
+        {"channel == count", kChannels, nullptr, false, -2},
+        {"channel -1 with null param", -1, nullptr, true, -2},
+        {"null param", 0, nullptr, true, -2},
+        {"no NUL in 512", 0, [](hls_connect_param &p) { memset(p.url, 'a', sizeof(p.url)); }, false, -2},
+        {"empty url", 0, [](hls_connect_param &p) { p.url[0] = '\0'; }, false, -2},
+        {"connect_timeout 0", 0, [](hls_connect_param &p) { p.connect_timeout = 0; }, false, -2},
+        {"connect_timeout 31", 0, [](hls_connect_param &p) { p.connect_timeout = 31; }, false, -2},
+        {"connect_timeout -5", 0, [](hls_connect_param &p) { p.connect_timeout = -5; }, false, -2},
+        {"channel == count, bad url", kChannels, [](hls_connect_param &p) { p.url[0] = '\0'; }, false, -2},
+        {"511 characters", 0, [&](hls_connect_param &p) { memcpy(p.url, long_url.c_str(), 512); }, false, 0},
+        {"connect_timeout 1", 1, [](hls_connect_param &p) { p.connect_timeout = 1; }, false, 0},
+        {"connect_timeout 30, timeout unchecked", 2,
+         [](hls_connect_param &p) {
+             p.connect_timeout = 30;
+             p.timeout = -7;
+         },
+         false, 0},
+        {"last channel", kChannels - 1, nullptr, false, 0},
+        // An occupied slot is only found after every argument check passed.
+        {"occupied, bad url", 0, [](hls_connect_param &p) { p.url[0] = '\0'; }, false, -2},
+        {"occupied, bad timeout", 0, [](hls_connect_param &p) { p.connect_timeout = 0; }, false, -2},
+        {"occupied", 0, nullptr, false, -5},
+    };
+    for (const Case &c : cases) {
+        hls_connect_param param = good;
+        if (c.edit)
+            c.edit(param);
+        EXPECT_EQ(hls_client_connect(c.channel, c.null_param ? nullptr : &param), c.expect) << c.what;
+    }
+    // The 511-character URL was fetched as given, not cut.
+    EXPECT_TRUE(test_host::wait_for([&] { return pages.srv.requests(long_url.substr(base.size() - 1)) == 1; }, 5s));
+
+    EXPECT_EQ(hls_client_disconnect(-1), -2);
+    EXPECT_EQ(hls_client_disconnect(kChannels), -2);
+    for (int32_t channel = 0; channel < kChannels; ++channel)
+        EXPECT_EQ(hls_client_disconnect(channel), 0);
+}
+
+TEST_F(ConnectTest, SlotStaysTakenAfterStreamEndsUntilDisconnected)
+{
+    StderrCapture err;
+    PageServer pages;
+    hls_connect_param param = make_param(pages.srv.url("/page"));
+
+    EXPECT_EQ(hls_client_disconnect(1), 0); // never connected
+
+    ASSERT_EQ(hls_client_connect(1, &param), 0);
+    ASSERT_TRUE(test_host::wait_for([&] { return err.contains("Not Supported Content-Type[text/html]"); }, 5s));
+    EXPECT_EQ(hls_client_connect(1, &param), -5); // thread ended, slot still held
+    EXPECT_EQ(pages.srv.requests("/page"), 1u);
+
+    EXPECT_EQ(hls_client_disconnect(1), 0);
+    EXPECT_EQ(hls_client_disconnect(1), 0); // already free
+    ASSERT_EQ(hls_client_connect(1, &param), 0);
+    EXPECT_TRUE(test_host::wait_for([&] { return err.count("Not Supported Content-Type") == 2; }, 5s));
+    EXPECT_EQ(pages.srv.requests("/page"), 2u);
+    // Streams that never started report nothing to the host.
+    EXPECT_EQ(test_host::count([](const HostEvent &e) { return e.kind == HostEvent::Status; }), 0u);
+    EXPECT_EQ(hls_client_disconnect(1), 0);
+}
+
+TEST(ClientInterface, SecondInitIsRefusedAndKeepsFirstSettings)
+{
+    test_host::reset();
+    static std::atomic<int> foreign_calls{0};
+    auto foreign_frame = [](int32_t, frame_info *, uint8_t *) -> int32_t { return ++foreign_calls; };
+    auto foreign_status = [](int32_t, int32_t) { ++foreign_calls; };
+
+    ASSERT_EQ(hls_client_init(2, test_host::frame_cb, test_host::status_cb, nullptr), 0);
+    EXPECT_EQ(hls_client_init(8, foreign_frame, foreign_status, "/tmp"), -2);
+
+    StreamServer srv;
+    srv.stream("/ts", "video/MP2T", [](int) { return plan_of(ts_sync_prefix(), 3); });
+    srv.start();
+    hls_connect_param param = make_param(srv.url("/ts"));
+    EXPECT_EQ(hls_client_connect(5, &param), -2); // the channel count is still 2
+    ASSERT_EQ(hls_client_connect(1, &param), 0);
+    EXPECT_TRUE(test_host::wait_for([] { return test_host::status_count(1, HLS_STREAM_STOPPED) == 1; }, 5s));
+    EXPECT_EQ(test_host::frame_count(1), 3u);
+    EXPECT_EQ(foreign_calls.load(), 0);
+    EXPECT_EQ(hls_client_destroy(), 0);
+}
+
+TEST(ClientInterface, DestroyClosesEveryOpenChannelAndAllowsReinit)
+{
+    test_host::reset();
+    StreamServer srv;
+    srv.stream("/ts", "video/MP2T", [](int) { return plan_of(ts_sync_prefix()); });
+    srv.start();
+    hls_connect_param param = make_param(srv.url("/ts"));
+
+    ASSERT_EQ(hls_client_init(3, test_host::frame_cb, test_host::status_cb, nullptr), 0);
+    for (int32_t channel = 0; channel < 3; ++channel)
+        ASSERT_EQ(hls_client_connect(channel, &param), 0);
+    ASSERT_TRUE(test_host::wait_for(
+        [] {
+            for (int32_t channel = 0; channel < 3; ++channel)
+                if (test_host::frame_count(channel) < 2)
+                    return false;
+            return true;
+        },
+        5s));
+
+    EXPECT_EQ(hls_client_destroy(), 0);
+    // Every thread was joined before destroy returned: each stream reported
+    // its end and its demultiplexer was released, and nothing comes later.
+    auto stopped = [] { return test_host::count([](const HostEvent &e) { return e.kind == HostEvent::Status && e.value == HLS_STREAM_STOPPED; }); };
+    auto freed = [] { return test_host::count([](const HostEvent &e) { return e.kind == HostEvent::DemuxFree; }); };
+    for (int32_t channel = 0; channel < 3; ++channel)
+        EXPECT_EQ(test_host::status_count(channel, HLS_STREAM_STOPPED), 1u) << channel;
+    EXPECT_EQ(freed(), 3u);
+    size_t events_at_destroy = test_host::events().size();
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(test_host::events().size(), events_at_destroy);
+    EXPECT_EQ(stopped(), 3u);
+
+    ASSERT_EQ(hls_client_init(1, test_host::frame_cb, test_host::status_cb, nullptr), 0);
+    EXPECT_EQ(hls_client_connect(0, &param), 0);
+    EXPECT_TRUE(test_host::wait_for([] { return test_host::status_count(0, HLS_STREAM_STARTED) == 2; }, 5s));
+    EXPECT_EQ(hls_client_destroy(), 0);
+    EXPECT_EQ(test_host::status_count(0, HLS_STREAM_STOPPED), 2u);
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HLS_UNDER_SANITIZER 1
+#endif
+
+// Caps this process's address space a little above what it already maps, so
+// the next large mapping (a thread stack, a huge table) fails.
+void cap_address_space(size_t headroom)
+{
+    unsigned long pages = 0;
+    FILE *f = fopen("/proc/self/statm", "r");
+    if (f) {
+        if (fscanf(f, "%lu", &pages) != 1)
+            pages = 0;
+        fclose(f);
+    }
+    rlimit limit;
+    getrlimit(RLIMIT_AS, &limit);
+    limit.rlim_cur = pages * (rlim_t)sysconf(_SC_PAGESIZE) + headroom;
+    setrlimit(RLIMIT_AS, &limit);
+}
+
+void lift_address_space_cap()
+{
+    rlimit limit;
+    getrlimit(RLIMIT_AS, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_AS, &limit);
+}
+
+// Runs in a child process; exits with the number of the first step that
+// did not give the expected result, 0 when all did.
+[[noreturn]] void exhaust_memory_then_recover()
+{
+    hls_connect_param param = make_param("http://127.0.0.1:1/"); // refused: the thread keeps probing
+    int step = 0;
+    auto expect = [&](int32_t got, int32_t want) {
+        ++step;
+        if (got != want) {
+            fprintf(stderr, "step %d: got %d, want %d\n", step, got, want);
+            _exit(step);
+        }
+    };
+    // No room for a table of INT32_MAX slots: initialised, but without slots.
+    cap_address_space(64u << 20);
+    expect(hls_client_init(INT32_MAX, test_host::frame_cb, test_host::status_cb, "/tmp"), -15);
+    expect(hls_client_connect(0, &param), -3);
+    expect(hls_client_disconnect(0), -3);
+    expect(hls_client_init(1, test_host::frame_cb, test_host::status_cb, nullptr), -2);
+    expect(hls_client_destroy(), 0);
+    lift_address_space_cap();
+
+    // No room for a download thread's stack: -6 and the slot stays free.
+    expect(hls_client_init(2, test_host::frame_cb, test_host::status_cb, nullptr), 0);
+    cap_address_space(1u << 20);
+    expect(hls_client_connect(1, &param), -6);
+    lift_address_space_cap();
+    expect(hls_client_connect(1, &param), 0);
+    expect(hls_client_destroy(), 0);
+    fprintf(stderr, "all steps passed\n");
+    _exit(0);
+}
+
+TEST(ClientInterfaceDeathTest, ExhaustedMemoryGivesFifteenAndSixAndLeavesNothingBehind)
+{
+#ifdef HLS_UNDER_SANITIZER
+    GTEST_SKIP() << "sanitizer runtimes need the whole address space";
+#else
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(exhaust_memory_then_recover(), ::testing::ExitedWithCode(0),
+                "hls_init_all_channel>: out of memory(.|\n)*all steps passed");
+#endif
+}
+
+} // namespace
