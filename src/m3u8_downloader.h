@@ -27,6 +27,10 @@ int32_t check_ca_path_valid(const char *path, int32_t *is_dir);
  * Called after every other option of the transfer. */
 void hls_https_apply(CURL *curl, const char *url, const char *ca_path);
 
+/* CURLOPT_IPRESOLVE value for a channel's `ip_resolve`: 2 IPv6 only, 1 IPv4
+ * only, anything else either family. */
+long hls_ip_resolve_option(int32_t ip_resolve);
+
 m3u8_downloader *m3u8_downloader_new(const char *ca_path);
 /* 1 when the transfer completed with final status 200; 0 on any failure. */
 int32_t m3u8_downloader_prepare(m3u8_downloader *handle, const hls_connect_param *param);

@@ -1,0 +1,158 @@
+#include "ts_downloader.h"
+
+#include <curl/curl.h>
+#include <stdlib.h>
+
+#include "hls_host_demux.h"
+#include "hls_log.h"
+#include "m3u8_downloader.h"
+
+/* The record behind a handle. It owns `curl`; the demultiplexer belongs to
+ * the HLS holder and the CA path to the library-wide settings. */
+typedef struct ts_downloader_record {
+    CURL *curl;
+    void *ts_demux;
+    const char *ca_path;
+    uint64_t bandwidth_bps; /* receive cap for the next transfers; 0 = none */
+} ts_downloader_record;
+
+/* A handle is a one-field cell holding the record's address. */
+struct ts_downloader {
+    ts_downloader_record *record;
+};
+
+extern "C" size_t ts_downloader_write(void *data, size_t size, size_t nmemb, void *user)
+{
+    size_t count = size * nmemb;
+    ts_downloader_record *record = (ts_downloader_record *)user;
+    /* Every piece goes straight on; the demultiplexer can never stop the
+     * transfer, so its result is not looked at. */
+    ts_demux_put_data(record->ts_demux, (const uint8_t *)data, (uint32_t)count);
+    return count;
+}
+
+ts_downloader *ts_downloader_new(void *ts_demux, const char *ca_path)
+{
+    ts_downloader *handle = (ts_downloader *)malloc(sizeof(*handle));
+    if (!handle)
+        return NULL;
+    ts_downloader_record *record = (ts_downloader_record *)malloc(sizeof(*record));
+    if (!record) {
+        free(handle);
+        return NULL;
+    }
+    record->curl = NULL;
+    record->ts_demux = ts_demux;
+    record->ca_path = ca_path;
+    record->bandwidth_bps = 0;
+    handle->record = record;
+    return handle;
+}
+
+static void release_curl(ts_downloader_record *record)
+{
+    curl_easy_cleanup(record->curl);
+    record->curl = NULL;
+}
+
+int32_t ts_downloader_prepare(ts_downloader *handle, const hls_connect_param *param, uint32_t duration_ms)
+{
+    if (!handle || !handle->record || !param)
+        return 0;
+    ts_downloader_record *record = handle->record;
+
+    if (!record->curl) {
+        record->curl = curl_easy_init();
+        if (!record->curl) {
+            HLS_LOG_ERROR("ts_downloader_prepare", "Could not create HTTP client\n");
+            return 0;
+        }
+    } else {
+        curl_easy_reset(record->curl);
+    }
+
+    /* A segment may take twice its own duration, but never less than a
+     * second; worked out in 32 bits like the duration itself. */
+    uint32_t timeout_ms = 2u * duration_ms;
+    if (timeout_ms < 1000u)
+        timeout_ms = 1000u;
+    /* Bits to bytes per second; 0 leaves libcurl uncapped. */
+    curl_off_t max_recv = (curl_off_t)((int64_t)record->bandwidth_bps / 8);
+
+    /* No overall CURLOPT_TIMEOUT and no address-family choice: a segment is
+     * bounded by the connect time-out and its own time limit only. */
+    CURL *curl = record->curl;
+    curl_easy_setopt(curl, CURLOPT_URL, param->url);
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, (long)param->connect_timeout);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, (long)timeout_ms);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, ts_downloader_write);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, record);
+    curl_easy_setopt(curl, CURLOPT_MAX_RECV_SPEED_LARGE, max_recv);
+    hls_https_apply(curl, param->url, record->ca_path);
+
+    CURLcode ret = curl_easy_perform(curl);
+    if (ret != CURLE_OK) {
+        HLS_LOG_ERROR("ts_downloader_prepare", "curl_easy_perform(%s) failed! ret:%d-%s\n", param->url, (int)ret,
+                      curl_easy_strerror(ret));
+        release_curl(record);
+        return 0;
+    }
+    long status = 404;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    if (status == 200)
+        return 1;
+    HLS_LOG_ERROR("ts_downloader_prepare", "curl_easy_getinfo(%s, CURLINFO_RESPONSE_CODE): %ld\n", param->url,
+                  status);
+    release_curl(record);
+    return 0;
+}
+
+int64_t ts_downloader_get_download_bytes(ts_downloader *handle)
+{
+    if (!handle || !handle->record || !handle->record->curl)
+        return -1;
+    curl_off_t bytes = 0;
+    if (curl_easy_getinfo(handle->record->curl, CURLINFO_SIZE_DOWNLOAD_T, &bytes) != CURLE_OK)
+        return -1;
+    return (int64_t)bytes;
+}
+
+int32_t ts_downloader_done(ts_downloader *handle)
+{
+    if (!handle || !handle->record)
+        return 0;
+    if (handle->record->curl)
+        release_curl(handle->record);
+    return 1;
+}
+
+void ts_downloader_free(ts_downloader *handle)
+{
+    if (!handle)
+        return;
+    ts_downloader_record *record = handle->record;
+    if (record) {
+        if (record->curl)
+            release_curl(record);
+        free(record);
+    }
+    handle->record = NULL;
+    free(handle);
+}
+
+/* Both accessors are for the HLS loop, which always has a live handle; a
+ * null one reads as no cap and is otherwise ignored. */
+uint64_t ts_downloader_get_bandwidth_bps(ts_downloader *handle)
+{
+    if (!handle || !handle->record)
+        return 0;
+    return handle->record->bandwidth_bps;
+}
+
+void ts_downloader_set_bandwidth_bps(ts_downloader *handle, uint64_t bps)
+{
+    if (handle && handle->record)
+        handle->record->bandwidth_bps = bps;
+}
