@@ -1,0 +1,289 @@
+// Timing and rate decisions of the HLS path, checked as pure functions at
+// their edges (the 32-bit millisecond wrap, the queue-depth steps, the rate
+// clamp), and the holder's frame input and start-up guards.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <string>
+
+#include "hls_demux.h"
+#include "stderr_capture.h"
+#include "test_host.h"
+
+namespace {
+
+constexpr uint32_t kMax = 0xFFFFFFFFu;
+
+frame_info video(uint32_t type, uint8_t rate, uint16_t frac)
+{
+    frame_info info;
+    memset(&info, 0, sizeof(info));
+    info.type = type;
+    info.video.frame_rate = rate;
+    info.video.frame_rate_frac = frac;
+    return info;
+}
+
+} // namespace
+
+TEST(HlsPacingDecisions, LateSegmentComparisonWrapsAt32Bits)
+{
+    struct Case {
+        uint32_t last, duration, now;
+        int32_t late;
+    } cases[] = {
+        {1000, 6000, 7001, 1},
+        {1000, 6000, 7000, 0},
+        {1000, 0, 1000, 0},
+        {1000, 0, 1001, 1},
+        // last + duration wraps to 4999: a reading 1000 ms after the mark is
+        // taken as late (the comparison is plain 32-bit), 5000 after the wrap too.
+        {kMax - 1000, 6000, kMax, 1},
+        {kMax - 1000, 6000, 4999, 0},
+        {kMax - 1000, 6000, 5000, 1},
+        {kMax, 1, kMax, 1}, // the sum wraps to 0
+        {kMax, 1, 0, 0},
+        {kMax, 1, 1, 1},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(hls_segment_is_late(c.last, c.duration, c.now), c.late) << c.last << "+" << c.duration << " vs " << c.now;
+}
+
+TEST(HlsPacingDecisions, EarlySegmentComparisonWrapsAt32Bits)
+{
+    struct Case {
+        uint32_t last, duration, now;
+        int32_t early;
+    } cases[] = {
+        // A 6 s segment 2 s after the mark is held until 5980 ms after it.
+        {10000, 6000, 12000, 1},
+        {10000, 6000, 15979, 1},
+        {10000, 6000, 15980, 0},
+        {10000, 20, 10000, 0},
+        {10000, 21, 10000, 1},
+        // The mark just before the wrap, the reading just after it.
+        {kMax - 15, 6000, 16, 1},
+        {kMax - 15, 6000, 5963, 1},
+        {kMax - 15, 6000, 5964, 0},
+        // now + 20 itself wraps.
+        {kMax - 100, 6000, kMax - 5, 1},
+        {kMax, 6000, kMax, 1},
+        {kMax - 5979, 6000, kMax, 1},
+        {kMax - 5980, 6000, kMax, 0},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(hls_segment_is_early(c.last, c.duration, c.now), c.early) << c.last << "/" << c.duration << "/" << c.now;
+}
+
+TEST(HlsPacingDecisions, ReceiveCapFromFirstSegmentAndLateRaise)
+{
+    // 500,000 bytes over 2 s: 1.5 x 2,000,000 bit/s.
+    EXPECT_EQ(hls_first_cap_bps(500000, 2000000000ull), 3000000u);
+    EXPECT_EQ(hls_late_cap_bps(hls_first_cap_bps(500000, 2000000000ull)), 3750000u);
+    EXPECT_EQ(hls_first_cap_bps(1, 3000000000ull), 4u); // truncated
+    EXPECT_EQ(hls_first_cap_bps(0, 2000000000ull), 0u);
+    EXPECT_EQ(hls_first_cap_bps(-1, 2000000000ull), 0u);
+    EXPECT_EQ(hls_first_cap_bps(500000, 0), 0u);
+
+    EXPECT_EQ(hls_late_cap_bps(1000000), 1250000u);
+    EXPECT_EQ(hls_late_cap_bps(7), 8u);
+    EXPECT_EQ(hls_late_cap_bps(0), 0u);
+    // 5 x cap is taken modulo 2^64 before the division.
+    EXPECT_EQ(hls_late_cap_bps(1ull << 63), 1ull << 61);
+}
+
+TEST(HlsPacingDecisions, FrameRateTakenFromKeyFramesOnly)
+{
+    struct Case {
+        int32_t current;
+        uint32_t type;
+        uint8_t rate;
+        uint16_t frac;
+        int32_t expect;
+    } cases[] = {
+        {30, HLS_FRAME_TYPE_VIDEO_KEY, 29, 970, 30},
+        {30, HLS_FRAME_TYPE_VIDEO_KEY, 25, 0, 25},
+        {25, HLS_FRAME_TYPE_VIDEO_KEY, 0, 0, 30},
+        {25, HLS_FRAME_TYPE_VIDEO_KEY, 0, 500, 1},
+        {25, HLS_FRAME_TYPE_VIDEO_KEY, 24, 499, 24},
+        {25, HLS_FRAME_TYPE_VIDEO_KEY, 255, 65535, 256},
+        // Other video frames keep whatever rate was last seen.
+        {25, HLS_FRAME_TYPE_VIDEO_OTHER, 60, 0, 25},
+        {30, HLS_FRAME_TYPE_VIDEO_OTHER, 10, 900, 30},
+    };
+    for (const Case &c : cases) {
+        frame_info info = video(c.type, c.rate, c.frac);
+        EXPECT_EQ(hls_frame_rate_of(c.current, &info), c.expect) << std::hex << c.type << std::dec << " " << int(c.rate)
+                                                                  << "." << c.frac;
+    }
+}
+
+TEST(HlsPacingDecisions, QueueDepthNudgesTheRateInWholeSteps)
+{
+    struct Case {
+        int32_t rate;
+        uint32_t queued;
+        int32_t expect;
+    } cases[] = {
+        {30, 30, 30},  {30, 119, 30}, {30, 120, 30}, {30, 124, 30}, {30, 125, 31},
+        {30, 200, 46}, {30, 319, 69}, {30, 320, 70}, {30, 100000, 70},
+        {30, 29, 30},  {30, 26, 30},  {30, 25, 29},  {30, 21, 29},  {30, 20, 28},
+        {30, 5, 25},   {30, 1, 25},   {30, 0, 25},
+        // Slow streams never fall to zero or below: one frame per second.
+        {5, 0, 1},     {5, 1, 1},     {5, 6, 1},     {5, 10, 1},    {5, 11, 2},
+        {1, 0, 1},     {1, 29, 1},    {1, 120, 1},   {6, 0, 1},     {7, 0, 2},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(hls_effective_rate(c.rate, c.queued), c.expect) << c.rate << " with " << c.queued << " queued";
+}
+
+TEST(HlsPacingDecisions, PeriodAndNextTickOnTheSecondGrid)
+{
+    EXPECT_EQ(hls_frame_period_ns(30), 33333333u);
+    EXPECT_EQ(hls_frame_period_ns(46), 21739130u);
+    EXPECT_EQ(hls_frame_period_ns(25), 40000000u);
+    EXPECT_EQ(hls_frame_period_ns(1), 1000000000u);
+    EXPECT_EQ(hls_frame_period_ns(0), 1000000000u);
+    EXPECT_EQ(hls_frame_period_ns(-3), 1000000000u);
+
+    struct Case {
+        long nsec;
+        uint32_t period;
+        time_t sec_out;
+        long nsec_out;
+    } cases[] = {
+        {0, 40000000, 10, 40000000},           // strictly after: not "now"
+        {39999999, 40000000, 10, 40000000},
+        {40000000, 40000000, 10, 80000000},
+        {960000000, 40000000, 11, 0},
+        {999999999, 33333333, 11, 33333323},  // carries past the second, off the next grid
+        {966666656, 33333333, 10, 966666657},
+        {5, 1000000000, 11, 0},
+        {999999999, 1000000000, 11, 0},
+    };
+    for (const Case &c : cases) {
+        struct timespec now = {10, c.nsec};
+        struct timespec tick = hls_next_tick(now, c.period);
+        EXPECT_EQ(tick.tv_sec, c.sec_out) << c.nsec << " / " << c.period;
+        EXPECT_EQ(tick.tv_nsec, c.nsec_out) << c.nsec << " / " << c.period;
+    }
+}
+
+TEST(HlsVariantUrl, JoinsAfterLastSlashOrTakesAbsoluteUri)
+{
+    struct Case {
+        const char *base, *uri, *expect;
+        int32_t result;
+    } cases[] = {
+        {"http://h:1/live/index.m3u8", "video/720p.m3u8", "http://h:1/live/video/720p.m3u8", 1},
+        {"http://h:1/live/index.m3u8", "http://o/x/a.m3u8", "http://o/x/a.m3u8", 1},
+        {"http://h:1/live/index.m3u8", "https://o/a.m3u8", "https://o/a.m3u8", 1},
+        {"http://h:1/live/index.m3u8", "httpdocs/a.m3u8", "httpdocs/a.m3u8", 1},
+        {"http://h:1/live/index.m3u8", "HTTP://o/a.m3u8", "http://h:1/live/HTTP://o/a.m3u8", 1},
+        {"http://h:1/live/index.m3u8", "/top/a.m3u8", "http://h:1/live//top/a.m3u8", 1},
+        {"http://h:1/live/index.m3u8", "../a.m3u8", "http://h:1/live/../a.m3u8", 1},
+        {"http://h:1/live/index.m3u8?k=a/b", "v.m3u8", "http://h:1/live/index.m3u8?k=a/v.m3u8", 1},
+        {"http://h:1/live/index.m3u8?k=1", "v.m3u8", "http://h:1/live/v.m3u8", 1},
+        {"http://h:1/live/", "v.m3u8", "http://h:1/live/v.m3u8", 1},
+        {"index.m3u8", "v.m3u8", "index.m3u8", 0},
+    };
+    for (const Case &c : cases) {
+        char url[512];
+        memset(url, 'x', sizeof(url));
+        strcpy(url, c.base);
+        EXPECT_EQ(hls_variant_url(url, c.uri), c.result) << c.base << " + " << c.uri;
+        EXPECT_STREQ(url, c.expect) << c.base << " + " << c.uri;
+    }
+}
+
+TEST(HlsVariantUrl, LongJoinsAreCutAt511WithoutWritingPast512)
+{
+    // The field sits between guard bytes that must survive every join.
+    struct Guarded {
+        char before[16];
+        char url[512];
+        char after[16];
+    };
+    std::string dir = "http://h/" + std::string(390, 'd') + "/"; // last slash at index 399
+    std::string long_uri(300, 'u');
+    std::string long_abs = "http://o/" + std::string(600, 'a');
+    struct Case {
+        std::string base, uri, expect;
+    } cases[] = {
+        {dir + "index.m3u8", long_uri, (dir + long_uri).substr(0, 511)},
+        {dir + "index.m3u8", std::string(111, 'u'), dir + std::string(111, 'u')}, // exactly 511
+        {dir + "index.m3u8", long_abs, long_abs.substr(0, 511)},
+        {std::string(510, 'p') + "/", "v.m3u8", std::string(510, 'p') + "/"}, // no room left at all
+    };
+    for (const Case &c : cases) {
+        Guarded g;
+        memset(&g, 0x5a, sizeof(g));
+        ASSERT_LT(c.base.size(), 512u);
+        memcpy(g.url, c.base.c_str(), c.base.size() + 1);
+        EXPECT_EQ(hls_variant_url(g.url, c.uri.c_str()), 1);
+        EXPECT_EQ(std::string(g.url), c.expect);
+        EXPECT_EQ(g.url[511], '\0');
+        for (int i = 0; i < 16; i++) {
+            EXPECT_EQ(g.before[i], 0x5a);
+            EXPECT_EQ(g.after[i], 0x5a);
+        }
+    }
+}
+
+TEST(HlsHolder, FrameInputQueuesCopiesUntilTheQueueIsHalted)
+{
+    hls_demux holder;
+    memset(&holder, 0, sizeof(holder));
+    ASSERT_EQ(frame_queue_init(&holder.frame_queue), 0);
+
+    std::string v = test_host::make_frame(HLS_FRAME_TYPE_VIDEO_KEY, "vvvv");
+    std::string a = test_host::make_frame(0x12345678, "aa");
+    frame_info vi, ai;
+    memcpy(&vi, v.data() + 4, sizeof(vi));
+    memcpy(&ai, a.data() + 4, sizeof(ai));
+    uint8_t vbytes[4] = {'v', 'v', 'v', 'v'}, abytes[2] = {'a', 'a'};
+    EXPECT_EQ(hls_frame_input(nullptr, &vi, vbytes, &holder), 0);
+    EXPECT_EQ(hls_frame_input(nullptr, &ai, abytes, &holder), 0);
+    vbytes[0] = 'X'; // the queue keeps its own copy
+    frame_queue_count count = {0, 0};
+    ASSERT_EQ(frame_queue_stat(&holder.frame_queue, &count), 0);
+    EXPECT_EQ(count.video_count, 1u);
+    EXPECT_EQ(count.audio_count, 1u);
+
+    frame_info out;
+    uint8_t *data = nullptr;
+    ASSERT_EQ(frame_queue_get(&holder.frame_queue, &out, &data, nullptr), 0);
+    EXPECT_EQ(std::string((char *)data, 4), "vvvv");
+    free(data);
+
+    EXPECT_EQ(hls_frame_input(nullptr, &ai, abytes, nullptr), -2);
+    StderrCapture capture;
+    ASSERT_EQ(frame_queue_halt(&holder.frame_queue), 0);
+    EXPECT_EQ(hls_frame_input(nullptr, &vi, vbytes, &holder), -1);
+    EXPECT_TRUE(capture.contains("frame_queue is not actived!"));
+    frame_queue_free(&holder.frame_queue);
+    hls_demux_free(nullptr);
+}
+
+TEST(HlsHolder, MissingRecordOrHolderEndsAtOnceWithoutStatus)
+{
+    test_host::reset();
+    StderrCapture capture;
+    EXPECT_EQ(hls_ctrl_routine(nullptr), nullptr);
+    EXPECT_TRUE(capture.contains("hls_ctrl_routine>: http_demux is NULL!"));
+
+    http_demux record;
+    record.channel = 3;
+    record.ca_path = nullptr;
+    record.frame_cb = test_host::frame_cb;
+    record.status_cb = test_host::status_cb;
+    record.running = 1;
+    record.started = 0;
+    record.demux = nullptr;
+    record.demux_free = nullptr;
+    EXPECT_EQ(hls_ctrl_routine(&record), nullptr);
+    EXPECT_TRUE(capture.contains("hls_ctrl_routine>: hls_demux is NULL!"));
+    download_data_by_hls(&record);
+    EXPECT_TRUE(capture.contains("download_data_by_hls>: hls_demux is NULL!"));
+    EXPECT_EQ(test_host::events().size(), 0u);
+}
