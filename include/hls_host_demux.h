@@ -19,6 +19,16 @@
 extern "C" {
 #endif
 
+/* Frame types of the reference demultiplexers. Video frames use the two
+ * video types of HLSClientLib.h: HLS_FRAME_TYPE_VIDEO_KEY for H.264 IDR and
+ * H.265 IRAP access units, carrying the frame rate, and
+ * HLS_FRAME_TYPE_VIDEO_OTHER for the rest; the bytes are the access unit in
+ * Annex B form. Audio frames use the types below, one frame per audio frame.
+ * pts is in 90 kHz units, the low 32 bits: a TS stream's own time stamps, an
+ * FLV stream's millisecond time stamps times 90. */
+#define HLS_FRAME_TYPE_AUDIO_AAC   0xfa010000u /* one ADTS frame, header included */
+#define HLS_FRAME_TYPE_AUDIO_MPEG  0xfa020000u /* one MPEG audio (layer I, II, III) frame */
+
 typedef int32_t (*demux_frame_cb)(void *first, frame_info *info, uint8_t *data, void *user);
 
 void *ts_demux_new(demux_frame_cb cb, void *user);
