@@ -452,10 +452,10 @@ TEST(E2ePlayer, FiniteStreamsDeliverEverySampleFrameIntact)
     // Two players at once: the highest HLS variant with TS and FLV, and the
     // lowest variant alone.
     auto low = std::async(std::launch::async, [&] {
-        return run({kPlayer, "--quiet", "--json", "--low-bandwidth", "--seconds", "16", "--dump", low_dir,
+        return run({kPlayer, "--quiet", "--json", "--low-bandwidth", "--seconds", "11", "--dump", low_dir,
                     server.url("/vod/master.m3u8")});
     });
-    Result r = run({kPlayer, "--json", "--seconds", "16", "--dump", dir, server.url("/vod/master.m3u8"),
+    Result r = run({kPlayer, "--json", "--seconds", "11", "--dump", dir, server.url("/vod/master.m3u8"),
                     server.url("/stream.ts"), server.url("/stream.flv")});
     Result rl = low.get();
     ASSERT_EQ(r.status, 0) << r.err;
