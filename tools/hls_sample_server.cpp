@@ -1,4 +1,5 @@
-// hls-sample-server: serves the sample streams of tests/data on 127.0.0.1 as
+// hls-sample-server: serves the sample streams of tests/data (hls/master.m3u8
+// with its variants, stream.ts, stream.flv) on 127.0.0.1 as
 // a live HLS presentation, a static (ended) HLS presentation and plain TS and
 // FLV streams played out in real time, with optional faults for tests/demos.
 //
@@ -255,8 +256,9 @@ bool parse_flv(Samples &s, std::string &err)
 
 bool load_samples(const std::string &data, Samples &s, std::string &err)
 {
-    if (!read_file(data + "/master.m3u8", s.master)) {
-        err = "cannot read " + data + "/master.m3u8";
+    const std::string hls = data + "/hls";
+    if (!read_file(hls + "/master.m3u8", s.master)) {
+        err = "cannot read " + hls + "/master.m3u8";
         return false;
     }
     bool after_inf = false;
@@ -270,7 +272,7 @@ bool load_samples(const std::string &data, Samples &s, std::string &err)
             }
             Variant v;
             v.uri = line;
-            if (!load_variant(data, v, err))
+            if (!load_variant(hls, v, err))
                 return false;
             s.variants.push_back(std::move(v));
             after_inf = false;
@@ -541,7 +543,7 @@ void serve_flv(httplib::Response &res)
 
 bool parse_segment_number(const std::string &name, uint64_t &seq)
 {
-    if (name.size() < 8 || name.compare(0, 3, "seg") != 0 || name.compare(name.size() - 3, 3, ".ts") != 0)
+    if (name.size() < 7 || name.compare(0, 3, "seg") != 0 || name.compare(name.size() - 3, 3, ".ts") != 0)
         return false;
     std::string digits = name.substr(3, name.size() - 6);
     if (digits.empty() || digits.size() > 18 || digits.find_first_not_of("0123456789") != std::string::npos)
