@@ -13,6 +13,7 @@
 #define TS_MAX_STREAMS 8
 #define TS_MAX_AUDIO_CARRY (64u * 1024u)
 #define TS_MAX_AUDIO_PES (1024u * 1024u)
+#define TS_MAX_MARKS 32
 #define TS_NO_PID 0xffff
 
 namespace {
@@ -32,9 +33,8 @@ struct Stream {
     es_rate rate{};
     /* audio: a frame cut at the end of a PES waits here for the next one */
     std::vector<uint8_t> carry;
-    bool pending_pts = false; /* pts of the PES whose data starts at carry_mark */
-    size_t carry_mark = 0;
-    uint64_t pending_pts_value = 0;
+    /* Where each PES with a pts starts in the audio bytes not yet framed. */
+    std::vector<std::pair<size_t, uint64_t>> marks;
     uint64_t base_pts = 0;    /* pts of the frame that started the sample count */
     uint64_t samples = 0;     /* samples since base_pts */
     uint32_t sample_rate = 0;
@@ -53,7 +53,6 @@ struct TsDemux {
     void *user;
     std::vector<uint8_t> pend; /* bytes of a packet not yet complete */
     bool synced = true;
-    uint16_t last_pid = TS_NO_PID;
     Section pat;
     Section pmt;
     uint16_t pmt_pid = TS_NO_PID;
@@ -95,7 +94,7 @@ Stream *find_stream(TsDemux *d, uint16_t pid)
 void audio_reset(Stream *s)
 {
     s->carry.clear();
-    s->pending_pts = false;
+    s->marks.clear();
     s->have_base = false;
 }
 
@@ -150,9 +149,9 @@ void emit_audio(TsDemux *d, Stream *s, uint8_t *data, size_t size, bool has_pts,
         }
     }
     if (has_pts) {
-        s->pending_pts = true;
-        s->pending_pts_value = pts;
-        s->carry_mark = mark;
+        if (s->marks.size() == TS_MAX_MARKS)
+            s->marks.erase(s->marks.begin());
+        s->marks.push_back({mark, pts});
     }
     uint32_t type = s->kind == KIND_AAC ? HLS_FRAME_TYPE_AUDIO_AAC : HLS_FRAME_TYPE_AUDIO_MPEG;
     size_t i = 0;
@@ -173,12 +172,15 @@ void emit_audio(TsDemux *d, Stream *s, uint8_t *data, size_t size, bool has_pts,
             i++;
             continue;
         }
-        if (s->pending_pts && i >= s->carry_mark) {
-            s->base_pts = s->pending_pts_value;
+        size_t passed = 0; /* the latest PES starting at or before this frame gives its pts */
+        while (passed < s->marks.size() && s->marks[passed].first <= i)
+            passed++;
+        if (passed) {
+            s->base_pts = s->marks[passed - 1].second;
             s->samples = 0;
             s->sample_rate = rate;
             s->have_base = true;
-            s->pending_pts = false;
+            s->marks.erase(s->marks.begin(), s->marks.begin() + (ptrdiff_t)passed);
         }
         if (rate != s->sample_rate && s->have_base) { /* keep the running time across a rate change */
             s->base_pts += s->samples * 90000 / s->sample_rate;
@@ -197,7 +199,8 @@ void emit_audio(TsDemux *d, Stream *s, uint8_t *data, size_t size, bool has_pts,
     } else {
         s->carry.erase(s->carry.begin(), s->carry.begin() + (ptrdiff_t)i);
     }
-    s->carry_mark = s->carry_mark > i ? s->carry_mark - i : 0;
+    for (auto &m : s->marks)
+        m.first = m.first > i ? m.first - i : 0;
 }
 
 /* Hands a complete PES packet on as frames. */
@@ -404,7 +407,6 @@ int continuity(int *last, unsigned cc, bool discontinuity)
 void packet(TsDemux *d, const uint8_t *p)
 {
     uint16_t pid = (uint16_t)(((p[1] & 0x1f) << 8) | p[2]);
-    d->last_pid = pid;
     bool unit_start = p[1] & 0x40;
     unsigned afc = (p[3] >> 4) & 3, cc = p[3] & 0x0f;
     Stream *s = find_stream(d, pid);
@@ -480,12 +482,13 @@ size_t consume(TsDemux *d, const uint8_t *p, size_t n)
             continue;
         }
         if (d->synced) {
-            /* The packet before ran into foreign bytes (a cut transfer
-             * followed by a new stream, or damage): its PES is suspect. */
+            /* The packet before ran into foreign bytes: a transfer was cut
+             * and a new stream follows, or bytes were damaged. Whatever was
+             * being assembled may hold some of them, or miss its end. */
             d->synced = false;
-            Stream *s = find_stream(d, d->last_pid);
-            if (s && s->assembling)
-                drop_pes(s);
+            for (Stream &s : d->streams)
+                if (s.assembling)
+                    drop_pes(&s);
         }
         if (p[i] != TS_SYNC) {
             const void *q = memchr(p + i + 1, TS_SYNC, n - i - 1);
