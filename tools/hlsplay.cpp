@@ -373,8 +373,13 @@ class Display {
 public:
     Display(FILE *out, bool quiet) : out_(out), quiet_(quiet), tty_(isatty(fileno(out)) != 0) {}
 
-    void tick(double elapsed, double interval)
+    // Redraws (terminal) or logs (otherwise) every channel's status line;
+    // rates cover the time since the previous call.
+    void tick(double elapsed)
     {
+        Clock::time_point now = Clock::now();
+        double interval = std::chrono::duration<double>(now - last_).count();
+        last_ = now;
         if (quiet_)
             return;
         if (tty_) {
@@ -410,10 +415,16 @@ public:
         std::fflush(out_);
     }
 
+    // After the disconnects: the terminal shows the final states, the log
+    // the last events.
     void finish(double elapsed)
     {
-        if (quiet_ || tty_)
+        if (quiet_)
             return;
+        if (tty_) {
+            tick(elapsed);
+            return;
+        }
         for (auto &c : g_channels)
             events(*c, elapsed);
         std::fflush(out_);
@@ -424,6 +435,7 @@ private:
     bool quiet_;
     bool tty_;
     bool drawn_ = false;
+    Clock::time_point last_ = Clock::now();
 };
 
 bool open_dumps(const char *dir)
@@ -524,7 +536,7 @@ int main(int argc, char **argv)
         const bool timed = opt.seconds > 0;
         const Clock::time_point deadline =
             t0 + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.seconds));
-        Clock::time_point last_tick = Clock::now(), next_tick = last_tick + std::chrono::seconds(1);
+        Clock::time_point next_tick = Clock::now() + std::chrono::seconds(1);
         for (;;) {
             Clock::time_point now = Clock::now();
             if (timed && now >= deadline)
@@ -541,8 +553,7 @@ int main(int argc, char **argv)
             }
             now = Clock::now();
             if (now >= next_tick) {
-                display.tick(elapsed(), std::chrono::duration<double>(now - last_tick).count());
-                last_tick = now;
+                display.tick(elapsed());
                 next_tick += std::chrono::seconds(1);
                 if (next_tick < now)
                     next_tick = now + std::chrono::seconds(1);
