@@ -552,11 +552,13 @@ bool parse_segment_number(const std::string &name, uint64_t &seq)
     return true;
 }
 
-void playlist_response(httplib::Response &res, const std::string &text)
+void playlist_response(httplib::Response &res, const std::string &text, bool media)
 {
-    // A short pause before every playlist keeps clients that poll an
-    // unchanged playlist in a tight loop from spinning the machine.
-    nap(g_opt.playlist_delay_ms);
+    // A short pause before every media playlist slows down clients that
+    // reload an unchanged playlist without pausing; the master is fetched
+    // once per start and is answered at once.
+    if (media)
+        nap(g_opt.playlist_delay_ms);
     res.set_content(text, kPlaylistType);
 }
 
@@ -573,10 +575,10 @@ void route(const httplib::Request &req, httplib::Response &res)
     if (live || ended) {
         std::string rest = path.substr(5);
         if (rest == "master.m3u8")
-            return playlist_response(res, s.master);
+            return playlist_response(res, s.master, false);
         for (const Variant &v : s.variants) {
             if (rest == v.uri)
-                return playlist_response(res, live ? live_playlist(v) : ended_playlist(v));
+                return playlist_response(res, live ? live_playlist(v) : ended_playlist(v), true);
             if (rest.compare(0, v.dir.size(), v.dir) != 0)
                 continue;
             std::string name = rest.substr(v.dir.size());
@@ -617,7 +619,7 @@ void usage(FILE *out)
                  "  --stall-ms N           length of that pause (default 2000)\n"
                  "  --drop P               close a fraction P of segment and stream bodies midway\n"
                  "  --slow-kbps N          cap every segment and stream body at N kbit/s\n"
-                 "  --playlist-delay-ms N  wait before answering a playlist (default 100)\n"
+                 "  --playlist-delay-ms N  wait before answering a media playlist (default 100)\n"
                  "  --seed N               seed of the fault choices (default 1)\n"
                  "  --help\n",
                  HLS_SAMPLE_DATA_DIR);

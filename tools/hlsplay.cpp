@@ -9,6 +9,7 @@
 // sigtimedwait; the library is only ever called from the main thread.
 #include <errno.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -385,8 +386,14 @@ public:
         if (tty_) {
             if (drawn_)
                 std::fprintf(out_, "\x1b[%zuA", g_channels.size());
-            for (auto &c : g_channels)
-                std::fprintf(out_, "\r\x1b[K%s  %s\n", status_line(*c, interval).c_str(), c->url.c_str());
+            // Lines are cut to the terminal's width: a wrapped line would
+            // break the cursor-up count of the next redraw.
+            struct winsize ws = {};
+            size_t width = ioctl(fileno(out_), TIOCGWINSZ, &ws) == 0 && ws.ws_col > 1 ? ws.ws_col - 1 : 200;
+            for (auto &c : g_channels) {
+                std::string line = status_line(*c, interval) + "  " + c->url;
+                std::fprintf(out_, "\r\x1b[K%s\n", line.substr(0, width).c_str());
+            }
             drawn_ = true;
         } else {
             for (auto &c : g_channels) {
