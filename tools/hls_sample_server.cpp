@@ -367,7 +367,8 @@ std::string ended_playlist(const Variant &v)
 
 // Plays out a body of known size with the configured faults: a stall at a
 // random point, a dropped connection at a random point, a speed cap.
-void serve_with_faults(httplib::Response &res, std::shared_ptr<const std::string> body)
+// `body` is sample data, which lives as long as the process.
+void serve_with_faults(httplib::Response &res, const std::string *body)
 {
     if (chance(g_opt.fault_404)) {
         res.status = 404;
@@ -587,12 +588,11 @@ void route(const httplib::Request &req, httplib::Response &res)
             uint64_t seq = 0;
             if (live && parse_segment_number(name, seq)) {
                 const Segment &seg = v.segments[seq % v.segments.size()];
-                return serve_with_faults(res, std::shared_ptr<const std::string>(&seg.bytes, [](const std::string *) {}));
+                return serve_with_faults(res, &seg.bytes);
             }
             for (const Segment &seg : v.segments)
                 if (ended && seg.name == name)
-                    return serve_with_faults(res,
-                                             std::shared_ptr<const std::string>(&seg.bytes, [](const std::string *) {}));
+                    return serve_with_faults(res, &seg.bytes);
         }
     }
     res.status = 404;
