@@ -45,7 +45,7 @@ std::string expected_body(const Kind &kind, size_t frames)
 {
     std::string body = kind.prefix;
     for (size_t i = 0; i < frames; ++i)
-        body += stream_frame(i);
+        body += stream_frame(i, !kind.flv);
     return body;
 }
 
@@ -55,10 +55,11 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
 {
     StderrCapture err;
     StreamServer srv;
-    const size_t kFrames = 20;
+    // Different lengths, so that the two streams end (and log) at different moments.
+    auto frames_of = [](const Kind &kind) -> size_t { return kind.flv ? 40 : 20; };
     for (const Kind *kind : {&kTs, &kFlv})
         srv.stream(std::string("/") + kind->name, "application/octet-stream",
-                   [kind, kFrames](int) { return plan_of(kind->prefix, kFrames); });
+                   [kind, frames_of](int) { return plan_of(kind->prefix, frames_of(*kind)); });
     srv.start();
     test_host::keep_pieces = true;
     test_host::frame_result = 41;
@@ -72,6 +73,7 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
 
     for (int32_t channel : {0, 1}) {
         const Kind &kind = channel == 0 ? kTs : kFlv;
+        const size_t kFrames = frames_of(kind);
         SCOPED_TRACE(kind.name);
         EXPECT_EQ(events_of(HostEvent::DemuxNew, kind.flv), 1u);
         // The whole body went into the demultiplexer once, unchanged: no
@@ -107,7 +109,7 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
     }
     // The host's result went back to the demultiplexer untouched.
     auto results = test_host::callback_results();
-    EXPECT_EQ(results.size(), 2 * kFrames);
+    EXPECT_EQ(results.size(), frames_of(kTs) + frames_of(kFlv));
     EXPECT_EQ(std::count(results.begin(), results.end(), 41), (long)results.size());
     EXPECT_FALSE(err.contains("return error"));
 
@@ -142,11 +144,13 @@ TEST_F(DirectStream, BrokenTransferStopsPausesAndReconnectsIntoSameDemux)
 {
     StderrCapture err;
     StreamServer srv;
-    // Request 1 is the probe, request 2 breaks after five frames, later ones
-    // stream until the channel closes.
+    // Request 1 is the probe, request 2 breaks after some frames (the two
+    // channels at different moments, so that their error lines do not
+    // interleave), later ones stream until the channel closes.
     for (const Kind *kind : {&kTs, &kFlv})
-        srv.stream(std::string("/") + kind->name, "video/MP2T",
-                   [kind](int n) { return n == 2 ? plan_of(kind->prefix, 5, true) : plan_of(kind->prefix); });
+        srv.stream(std::string("/") + kind->name, "video/MP2T", [kind](int n) {
+            return n == 2 ? plan_of(kind->prefix, kind->flv ? 30 : 5, true) : plan_of(kind->prefix);
+        });
     srv.start();
     for (int32_t channel : {0, 1}) {
         hls_connect_param param = make_param(srv.url(channel == 0 ? "/ts" : "/flv"));
@@ -212,11 +216,13 @@ TEST_F(DirectStream, DemuxCreationFailureEndsThreadWithoutStreaming)
     srv.start();
     test_host::fail_ts_new = true;
     test_host::fail_flv_new = true;
-    for (int32_t channel : {0, 1}) {
-        hls_connect_param param = make_param(srv.url(channel == 0 ? "/ts" : "/flv"));
-        ASSERT_EQ(hls_client_connect(channel, &param), 0);
-    }
-    ASSERT_TRUE(test_host::wait_for([&] { return err.contains("http_ts_demux_new>: ts_demux_new failed!\n") && err.contains("http_flv_demux_new>: flv_demux_new failed!\n"); }, 5s));
+    // One after the other, so that the two error lines do not interleave.
+    hls_connect_param ts_param = make_param(srv.url("/ts"));
+    ASSERT_EQ(hls_client_connect(0, &ts_param), 0);
+    ASSERT_TRUE(test_host::wait_for([&] { return err.contains("http_ts_demux_new>: ts_demux_new failed!\n"); }, 5s));
+    hls_connect_param flv_param = make_param(srv.url("/flv"));
+    ASSERT_EQ(hls_client_connect(1, &flv_param), 0);
+    ASSERT_TRUE(test_host::wait_for([&] { return err.contains("http_flv_demux_new>: flv_demux_new failed!\n"); }, 5s));
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(srv.requests("/ts"), 1u);
     EXPECT_EQ(srv.requests("/flv"), 1u);

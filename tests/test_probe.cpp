@@ -151,7 +151,11 @@ TEST_F(ProbeAttempt, GivesUpAfter4096BytesAndStopsEarlyOnASignature)
 {
     StreamServer srv;
     // Endless bodies: only an early decision ends these transfers quickly.
-    srv.stream("/late", "video/x-flv", [](int) { return plan_of(junk(4097), SIZE_MAX, false, "#EXTM3U"); });
+    srv.stream("/late", "video/x-flv", [](int) {
+        StreamPlan plan = plan_of(junk(4097), SIZE_MAX, false, "#EXTM3U");
+        plan.interval = 100ms; // the marker comes well after the first 4097 bytes
+        return plan;
+    });
     srv.stream("/inside", "video/x-flv", [](int) { return plan_of(junk(4090) + "#EXTM3U"); });
     srv.stream("/endless-ts", "text/html", [](int) { return plan_of(ts_sync_prefix()); });
     srv.start();
@@ -214,8 +218,7 @@ TEST_F(DownloadThread, UndecidedProbeRepeatsEveryFiveSecondsUntilClosed)
     ASSERT_EQ(hls_client_connect(3, &late_param), 0);
 
     ASSERT_TRUE(test_host::wait_for([&] { return bare.request_times().size() == 1; }, 3s));
-    EXPECT_TRUE(thread_named("httpdown[2]"));
-    EXPECT_TRUE(thread_named("httpdown[3]"));
+    EXPECT_TRUE(test_host::wait_for([] { return thread_named("httpdown[2]") && thread_named("httpdown[3]"); }, 2s));
     std::this_thread::sleep_for(500ms);
     late.listen_and_answer("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\n\r\nabcd");
 

@@ -1,0 +1,177 @@
+// Channel stream costs: the probe's sniffer per attempt (with the marker
+// search as built and with a full rescan per piece, for comparison), direct
+// MPEG-TS throughput from a loopback server into the demultiplexer, time from
+// connect to the first byte in the demultiplexer, and disconnect latency
+// during a retry pause.
+#include <benchmark/benchmark.h>
+#include <string.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "HLSClientLib.h"
+#include "counting_demux.h"
+#include "hls_demux.h"
+#include "hls_demux_stream.h"
+#include "local_server.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int32_t on_frame(int32_t, frame_info *, uint8_t *) { return 0; }
+void on_status(int32_t, int32_t) {}
+
+// A give-up body: 4097 bytes in which nothing is recognisable.
+void feed(benchmark::State &state, size_t (*writer)(char *, size_t, size_t, void *))
+{
+    const size_t piece = (size_t)state.range(0);
+    std::string body(4097, 'z');
+    for (auto _ : state) {
+        probe_result probe{};
+        for (size_t at = 0; at < body.size(); at += piece) {
+            size_t n = std::min(piece, body.size() - at);
+            if (writer(&body[at], 1, n, &probe) == 0)
+                break;
+        }
+        benchmark::DoNotOptimize(probe.protocol);
+        free(probe.data);
+    }
+    state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)body.size());
+}
+
+// The same rules with the marker searched over the whole accumulation on
+// every piece.
+size_t rescanning_writer(char *ptr, size_t size, size_t nmemb, void *arg)
+{
+    probe_result *probe = (probe_result *)arg;
+    size_t n = size * nmemb;
+    probe->data = (uint8_t *)realloc(probe->data, probe->size + n);
+    memcpy(probe->data + probe->size, ptr, n);
+    probe->size += (uint32_t)n;
+    const uint8_t *b = probe->data;
+    size_t length = probe->size;
+    if (length < 3)
+        return n;
+    if (memcmp(b, "FLV", 3) == 0)
+        return 0;
+    if (length >= 564) {
+        size_t offset = 0;
+        while (offset < length && b[offset] == 0x47)
+            offset += 188;
+        if (offset >= length)
+            return 0;
+    }
+    if (length < 7)
+        return n;
+    for (size_t i = 0; i + 7 <= length; ++i)
+        if (memcmp(b + i, "#EXTM3U", 7) == 0)
+            return 0;
+    return length > 4096 ? 0 : n;
+}
+
+void BM_ProbeSniffer(benchmark::State &state) { feed(state, protocol_writer); }
+void BM_ProbeSnifferFullRescan(benchmark::State &state) { feed(state, rescanning_writer); }
+BENCHMARK(BM_ProbeSniffer)->Arg(1)->Arg(64)->Arg(1448)->Arg(16384);
+BENCHMARK(BM_ProbeSnifferFullRescan)->Arg(1)->Arg(64)->Arg(1448)->Arg(16384);
+
+// A loopback server sending `total` bytes of whole transport packets.
+struct TsServer {
+    LocalServer local;
+    explicit TsServer(size_t total)
+    {
+        std::string block(188 * 348, '\x11');
+        for (size_t at = 0; at < block.size(); at += 188)
+            block[at] = '\x47';
+        local.server().Get("/ts", [block, total](const httplib::Request &, httplib::Response &res) {
+            res.set_content_provider(total, "video/MP2T", [block](size_t offset, size_t length, httplib::DataSink &sink) {
+                (void)offset;
+                return sink.write(block.data(), std::min(length, block.size()));
+            });
+        });
+        local.start();
+    }
+};
+
+hls_connect_param param_for(const std::string &url)
+{
+    hls_connect_param param;
+    memset(&param, 0, sizeof(param));
+    snprintf(param.url, sizeof(param.url), "%s", url.c_str());
+    param.connect_timeout = 5;
+    param.timeout = 5;
+    return param;
+}
+
+bool wait_until(const std::function<bool()> &pred)
+{
+    auto deadline = Clock::now() + std::chrono::seconds(30);
+    while (!pred()) {
+        if (Clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+// Whole stream (256 MiB) from connect to the last byte in the demultiplexer.
+void BM_DirectTsThroughput(benchmark::State &state)
+{
+    const size_t total = size_t(256) << 20;
+    TsServer server(total);
+    hls_client_init(1, on_frame, on_status, nullptr);
+    hls_connect_param param = param_for(server.local.url("/ts"));
+    for (auto _ : state) {
+        g_counted_bytes = 0;
+        auto start = Clock::now();
+        hls_client_connect(0, &param);
+        if (!wait_until([&] { return g_counted_bytes.load() >= total; }))
+            state.SkipWithError("stream did not arrive");
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        hls_client_disconnect(0);
+    }
+    state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)total);
+    hls_client_destroy();
+}
+BENCHMARK(BM_DirectTsThroughput)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+
+// Connect to the first byte pushed into the demultiplexer: one probe
+// request, then the stream request.
+void BM_ConnectToFirstByte(benchmark::State &state)
+{
+    TsServer server(size_t(64) << 20);
+    hls_client_init(1, on_frame, on_status, nullptr);
+    hls_connect_param param = param_for(server.local.url("/ts"));
+    for (auto _ : state) {
+        g_counted_bytes = 0;
+        auto start = Clock::now();
+        hls_client_connect(0, &param);
+        if (!wait_until([] { return g_counted_bytes.load() > 0; }))
+            state.SkipWithError("no bytes arrived");
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        hls_client_disconnect(0);
+    }
+    hls_client_destroy();
+}
+BENCHMARK(BM_ConnectToFirstByte)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(20);
+
+// hls_client_disconnect while the thread pauses after a refused connection.
+void BM_DisconnectDuringRetryPause(benchmark::State &state)
+{
+    hls_client_init(1, on_frame, on_status, nullptr);
+    hls_connect_param param = param_for("http://127.0.0.1:1/"); // refused
+    for (auto _ : state) {
+        state.PauseTiming();
+        hls_client_connect(0, &param);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        state.ResumeTiming();
+        hls_client_disconnect(0);
+    }
+    hls_client_destroy();
+}
+BENCHMARK(BM_DisconnectDuringRetryPause)->Unit(benchmark::kMillisecond)->Iterations(20);
+
+} // namespace
+
+BENCHMARK_MAIN();
