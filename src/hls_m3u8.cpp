@@ -277,6 +277,16 @@ void M3U8Parser::evalSubstate()
     substate = OtherTag;
 }
 
+/* 10^length in double precision. Powers up to 10^22 are exact doubles and
+ * pow() returns them exactly, so the table gives identical results without
+ * the call. */
+static double power_of_ten(size_t length)
+{
+    static const double exact[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                   1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+    return length < sizeof(exact) / sizeof(exact[0]) ? exact[length] : pow(10.0, (double)length);
+}
+
 /* One word after a segment information tag: the first is the whole seconds,
  * every later one (title words included) a fractional part that counts only
  * when it reads as a number above zero and never spoils the line. */
@@ -289,7 +299,7 @@ static void read_duration_word(M3U8Parser &parser)
     int32_t saved = parser.state;
     uint64_t fraction = parser.tokenToUnsignedInt();
     if (fraction > 0)
-        parser.segmentDuration += (double)fraction / pow(10.0, (double)parser.token.size());
+        parser.segmentDuration += (double)fraction / power_of_ten(parser.token.size());
     parser.state = saved;
 }
 

@@ -215,20 +215,47 @@ typedef struct m3u8_client {
 #endif
 } m3u8_client;
 
+/* A new empty client; null when memory runs out. Every call below but
+ * m3u8_client_free holds the client's recursive lock for its whole body. */
 m3u8_client *m3u8_client_new(void);
+/* Frees the client and all it owns; null is ignored. Not while another call
+ * on the same client runs. */
 void m3u8_client_free(m3u8_client *client);
+/* The last accepted master / media text itself (NUL-terminated), or null;
+ * owned by the client, valid until a later load replaces it. */
 const char *m3u8_client_get_master_raw_data(m3u8_client *client);
 const char *m3u8_client_get_raw_data(m3u8_client *client);
+/* strdup of variant `index`'s URI (the first one when past the end), or null
+ * without variants; the caller frees it. */
 char *m3u8_client_get_second_playlist(m3u8_client *client, uint32_t index);
+/* strdup of the URI, as written, of the highest (non-zero `highest`: first of
+ * equals) or lowest (last of equals) bandwidth variant, whose bandwidth it
+ * records; null without variants. The caller frees it. */
 char *m3u8_client_get_second_playlist_by_bandwidth(m3u8_client *client, int32_t highest);
+/* Bandwidth of the variant chosen last, 0 before any choice. */
 uint64_t m3u8_client_get_bandwidth_bps(m3u8_client *client);
+/* A record of the first pending fragment, or null; the caller frees it with
+ * tsdata_fragment_free. */
 tsdata_fragment *m3u8_client_get_front_fragment(m3u8_client *client);
+/* A record of the last fragment if it is pending, else null. */
 tsdata_fragment *m3u8_client_get_back_fragment(m3u8_client *client);
+/* Marks the fragment with `sequence_no` downloaded (it stays in the list):
+ * 1 when found, also when already marked (logged); 0 when unknown (logged). */
 int32_t m3u8_client_pop_front_fragment(m3u8_client *client, uint64_t sequence_no);
+/* 1 when the media playlist is due for a reload: the list is empty, or at
+ * most one fragment or one second of fragments is pending; 0 otherwise. Then
+ * trims the list from the front to max_fragment_count plus the pending. */
 int32_t m3u8_client_is_time_to_refresh_playlist(m3u8_client *client);
+/* Loads the text in `buffer`, fetched from `url`, as a master playlist or, if
+ * it is none, as a media playlist merged into the fragment list. 0 accepted
+ * (*is_master 1 or 0), 1 not a playlist, 2 no memory for the copy. */
 int32_t m3u8_client_load_master_playlist(m3u8_client *client, const char *url, const hls_buffer *buffer,
                                          int32_t *is_master);
+/* Loads a media playlist and merges its new entries; an unchanged text is
+ * accepted without parsing. 0 accepted, 1 not a media playlist, 2 no memory. */
 int32_t m3u8_client_load_playlist(m3u8_client *client, const char *url, const hls_buffer *buffer);
+/* A zeroed fragment record holding a copy of `uri`; null for a null uri or
+ * when memory runs out. */
 tsdata_fragment *tsdata_fragment_new(const char *uri);
 void tsdata_fragment_free(tsdata_fragment *fragment);
 
