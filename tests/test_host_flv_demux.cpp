@@ -16,7 +16,7 @@
 
 namespace {
 
-std::string be(uint32_t v, int bytes)
+std::string be(uint64_t v, int bytes)
 {
     std::string s;
     for (int i = bytes - 1; i >= 0; i--)
