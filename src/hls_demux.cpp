@@ -439,10 +439,6 @@ void download_data_by_flv(http_demux *record)
  * enters it through hls_demux_new once the probe has found a playlist.
  * ====================================================================== */
 
-
-#include <pthread.h>
-#include <sys/prctl.h>
-
 /* ---- clock and pacing decisions ---- */
 
 uint32_t hls_monotonic_ms(void)
@@ -454,9 +450,9 @@ uint32_t hls_monotonic_ms(void)
 
 uint32_t (*hls_monotonic_ms_fn)(void) = hls_monotonic_ms;
 
-/* Both comparisons are written on purpose in wrapping 32-bit arithmetic, the
- * way the loop has always compared them; near the wrap of the clock they can
- * misjudge a segment for one step, which the next segment corrects. */
+/* Both comparisons are plain wrapping 32-bit arithmetic on purpose: that is
+ * how the pacing rules are defined. Once every 49.7 days, when the clock
+ * wraps, they can misjudge the one segment whose slot spans the wrap. */
 int32_t hls_segment_is_late(uint32_t last_ms, uint32_t duration_ms, uint32_t now_ms)
 {
     return (uint32_t)(last_ms + duration_ms) < now_ms ? 1 : 0;
