@@ -49,6 +49,10 @@ struct Options {
     int window = 3;
     bool once = false;
     double fault_404 = 0;
+    double fault_500 = 0;
+    double truncate = 0;
+    double garbage = 0;
+    double playlist_change = 0;
     double stall = 0;
     int stall_ms = 2000;
     double drop = 0;
@@ -354,6 +358,27 @@ std::string live_playlist(const Variant &v)
     return out;
 }
 
+// A live playlist that changes under the reader: its window jumps back to an
+// earlier sequence (as after an encoder restart), its entries come in another
+// order, or it turns into text that is no playlist at all.
+std::string changed_playlist(const Variant &v, std::string text)
+{
+    double pick = uniform();
+    if (pick < 0.4) {
+        std::string restart = "#EXT-X-MEDIA-SEQUENCE:" + std::to_string(uint64_t(uniform() * 5.0));
+        size_t at = text.find("#EXT-X-MEDIA-SEQUENCE:");
+        size_t end = text.find('\n', at);
+        return text.replace(at, end - at, restart);
+    }
+    if (pick < 0.8) {
+        std::string out = "#EXTM3U\n#EXT-X-TARGETDURATION:" + std::to_string(v.target) + "\n";
+        for (size_t i = v.segments.size(); i-- > 0;)
+            out += "#EXTINF:" + v.segments[i].duration_text + ",\nseg" + std::to_string(i) + ".ts\n";
+        return out;
+    }
+    return "<html>maintenance</html>\n";
+}
+
 std::string ended_playlist(const Variant &v)
 {
     std::string out =
@@ -368,12 +393,30 @@ std::string ended_playlist(const Variant &v)
 // Plays out a body of known size with the configured faults: a stall at a
 // random point, a dropped connection at a random point, a speed cap.
 // `body` is sample data, which lives as long as the process.
-void serve_with_faults(httplib::Response &res, const std::string *body)
+void serve_with_faults(httplib::Response &res, const std::string *sample)
 {
     if (chance(g_opt.fault_404)) {
         res.status = 404;
         res.set_content("not found (injected)\n", "text/plain");
         return;
+    }
+    if (chance(g_opt.fault_500)) {
+        res.status = 500;
+        res.set_content("server error (injected)\n", "text/plain");
+        return;
+    }
+    // A truncated segment is a complete response with a shorter body; a
+    // garbage one turns into random bytes from a random point on.
+    auto owned = std::make_shared<std::string>();
+    const std::string *body = sample;
+    if (chance(g_opt.truncate)) {
+        *owned = sample->substr(0, size_t(uniform() * double(sample->size())));
+        body = owned.get();
+    } else if (chance(g_opt.garbage)) {
+        *owned = *sample;
+        for (size_t i = size_t(uniform() * double(owned->size())); i < owned->size(); i++)
+            (*owned)[i] = char(uniform() * 256.0);
+        body = owned.get();
     }
     const size_t size = body->size();
     const size_t drop_at = chance(g_opt.drop) ? size_t(uniform() * double(size)) : size + 1;
@@ -382,6 +425,7 @@ void serve_with_faults(httplib::Response &res, const std::string *body)
     auto start = std::make_shared<Clock::time_point>(Clock::now());
     auto stalled = std::make_shared<bool>(false);
     res.set_content_provider(size, kTsType, [=](size_t offset, size_t, httplib::DataSink &sink) {
+        (void)owned; // keeps a faulty body alive while it is sent
         if (g_stopping.load())
             return false;
         if (offset >= stall_at && !*stalled) {
@@ -578,8 +622,12 @@ void route(const httplib::Request &req, httplib::Response &res)
         if (rest == "master.m3u8")
             return playlist_response(res, s.master, false);
         for (const Variant &v : s.variants) {
-            if (rest == v.uri)
-                return playlist_response(res, live ? live_playlist(v) : ended_playlist(v), true);
+            if (rest == v.uri) {
+                std::string text = live ? live_playlist(v) : ended_playlist(v);
+                if (live && chance(g_opt.playlist_change))
+                    text = changed_playlist(v, text);
+                return playlist_response(res, text, true);
+            }
             if (rest.compare(0, v.dir.size(), v.dir) != 0)
                 continue;
             std::string name = rest.substr(v.dir.size());
@@ -615,6 +663,10 @@ void usage(FILE *out)
                  "  --window N             segments in each live playlist (default 3)\n"
                  "  --once                 /stream.ts and /stream.flv play the sample once, then end\n"
                  "  --fault-404 P          answer a fraction P of segment requests with 404\n"
+                 "  --fault-500 P          answer a fraction P of segment requests with 500\n"
+                 "  --truncate P           cut a fraction P of segment bodies short (complete responses)\n"
+                 "  --garbage P            turn a fraction P of segment bodies into random bytes midway\n"
+                 "  --playlist-change P    change a fraction P of live playlists under the reader\n"
                  "  --stall P              pause a fraction P of segment and stream bodies once\n"
                  "  --stall-ms N           length of that pause (default 2000)\n"
                  "  --drop P               close a fraction P of segment and stream bodies midway\n"
@@ -660,6 +712,10 @@ int parse_options(int argc, char **argv)
             {"--seconds", 0.001, 1e7, false, [](double v) { g_opt.seconds = v; }},
             {"--window", 1, 100, true, [](double v) { g_opt.window = int(v); }},
             {"--fault-404", 0, 1, false, [](double v) { g_opt.fault_404 = v; }},
+            {"--fault-500", 0, 1, false, [](double v) { g_opt.fault_500 = v; }},
+            {"--truncate", 0, 1, false, [](double v) { g_opt.truncate = v; }},
+            {"--garbage", 0, 1, false, [](double v) { g_opt.garbage = v; }},
+            {"--playlist-change", 0, 1, false, [](double v) { g_opt.playlist_change = v; }},
             {"--stall", 0, 1, false, [](double v) { g_opt.stall = v; }},
             {"--stall-ms", 0, 600000, true, [](double v) { g_opt.stall_ms = int(v); }},
             {"--drop", 0, 1, false, [](double v) { g_opt.drop = v; }},
