@@ -25,10 +25,7 @@ std::unique_ptr<httplib::SSLServer> server;
 std::thread thread;
 int port = 0;
 
-std::string at(const char *name)
-{
-    return dir + "/" + name;
-}
+std::string at(const char *name) { return dir + "/" + name; }
 
 class Https : public ::testing::Test {
 protected:
@@ -82,27 +79,37 @@ hls_connect_param param(const std::string &scheme, const char *path)
 
 } // namespace
 
-TEST_F(Https, CertificateRuleDecidesPlaylistAndSegmentTransfers)
+TEST_F(Https, CaPathKindDecidesVerificationOfPlaylistAndSegmentTransfers)
 {
+    // check: what check_ca_path_valid returns and stores (7: left untouched).
     struct Case {
         std::string ca_path; // empty: none at all
         const char *scheme;
-        int32_t expect;
+        int32_t check, is_dir, expect;
     } cases[] = {
-        {at("cert.pem"), "https", 1}, // the certificate as CA file
-        {at("hashed"), "https", 1},   // a CA directory holding it
-        {at("link"), "https", 1},     // a symbolic link to that directory
-        {at("empty"), "https", 0},    // a CA directory without it
-        {at("none"), "https", 1},     // missing CA path: verification off
-        {at("fifo"), "https", 1},     // a pipe: verification off
-        {"", "https", 1},             // no CA path: verification off
+        {at("cert.pem"), "https", 1, 0, 1},  // the certificate as CA file
+        {at("file-link"), "https", 1, 0, 1}, // a symbolic link to it
+        {at("hashed"), "https", 1, 1, 1},    // a CA directory holding it
+        {at("link"), "https", 1, 1, 1},      // a symbolic link to that directory
+        {at("empty"), "https", 1, 1, 0},     // a CA directory without it
+        // Nothing usable at the CA path: verification off.
+        {at("none"), "https", 0, 7, 1},
+        {at("dangling"), "https", 0, 7, 1},
+        {at("fifo"), "https", 0, 7, 1},
+        {"/dev/null", "https", 0, 7, 1},
+        {"", "https", 0, 7, 1},
         // A capitalised scheme is left to libcurl's own defaults, which
         // verify against the system store and so reject this certificate.
-        {at("none"), "HTTPS", 0},
+        {at("none"), "HTTPS", 0, 7, 0},
     };
     const std::string rejected = "ret:" + std::to_string(CURLE_PEER_FAILED_VERIFICATION) + "-";
     for (const Case &c : cases) {
         const char *ca_path = c.ca_path.empty() ? nullptr : c.ca_path.c_str();
+        int32_t is_dir = 7;
+        if (ca_path) {
+            EXPECT_EQ(check_ca_path_valid(ca_path, &is_dir), c.check) << c.ca_path;
+            EXPECT_EQ(is_dir, c.is_dir) << c.ca_path;
+        }
         StderrCapture err;
         m3u8_downloader *d = m3u8_downloader_new(ca_path);
         hls_connect_param p = param(c.scheme, "/pl");
@@ -121,21 +128,5 @@ TEST_F(Https, CertificateRuleDecidesPlaylistAndSegmentTransfers)
         ts_downloader_free(t);
         ts_demux_free(demux);
         EXPECT_EQ(err.count(rejected), c.expect ? 0u : 2u) << err.text();
-    }
-}
-
-TEST_F(Https, CaPathCheckAcceptsDirectoriesAndRegularFilesOnly)
-{
-    struct Case {
-        std::string path;
-        int32_t result, is_dir; // is_dir starts at 7: 7 means untouched
-    } cases[] = {
-        {at("hashed"), 1, 1}, {at("cert.pem"), 1, 0}, {at("link"), 1, 1}, {at("file-link"), 1, 0},
-        {at("none"), 0, 7},   {at("dangling"), 0, 7}, {at("fifo"), 0, 7}, {"/dev/null", 0, 7},
-    };
-    for (const Case &c : cases) {
-        int32_t is_dir = 7;
-        EXPECT_EQ(check_ca_path_valid(c.path.c_str(), &is_dir), c.result) << c.path;
-        EXPECT_EQ(is_dir, c.is_dir) << c.path;
     }
 }
