@@ -20,9 +20,9 @@ const std::string kPlaylist = "#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\nseg
 // test can tell a reused connection from a new one, and one downloader.
 class M3u8Downloader : public ::testing::Test {
 protected:
-    LocalServer local;
     std::atomic<int> last_port{-1};
     std::atomic<bool> release{false};
+    LocalServer local; // after what its handlers use, so it stops first
     m3u8_downloader *d = m3u8_downloader_new(nullptr);
 
     void SetUp() override

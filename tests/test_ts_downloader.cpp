@@ -22,10 +22,11 @@ namespace {
 // every piece it is given.
 class TsDownloader : public ::testing::Test {
 protected:
-    LocalServer local;
+    // The handlers use these, so they outlive the server.
+    std::string segment;
     std::atomic<bool> release{false};
     std::atomic<Clock::rep> last_piece_at{0}; // written by the server thread
-    std::string segment;
+    LocalServer local;
     void *demux = nullptr;
     ts_downloader *dl = nullptr;
 
@@ -45,7 +46,8 @@ protected:
                 for (size_t at = 0; at < segment.size(); at += 500) {
                     std::this_thread::sleep_for(30ms);
                     last_piece_at = Clock::now().time_since_epoch().count();
-                    sink.write(segment.data() + at, 500);
+                    if (!sink.write(segment.data() + at, 500))
+                        return false; // the client has gone
                     while (stall && !release && Clock::now() < end)
                         std::this_thread::sleep_for(10ms);
                 }
