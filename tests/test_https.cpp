@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <memory>
@@ -20,53 +18,31 @@
 
 namespace {
 
-std::string run(const std::string &command)
-{
-    std::string out;
-    FILE *pipe = popen(command.c_str(), "r");
-    if (!pipe)
-        return out;
-    char chunk[256];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), pipe)) > 0)
-        out.append(chunk, n);
-    pclose(pipe);
-    return out;
-}
-
 // A throw-away self-signed certificate for 127.0.0.1 and localhost, a TLS
-// server using it, and the CA paths the tests hand to the downloaders.
+// server using it, and CA paths of every kind in one temporary directory.
+std::string dir;
+std::unique_ptr<httplib::SSLServer> server;
+std::thread thread;
+int port = 0;
+
+std::string at(const char *name) { return dir + "/" + name; }
+
 class Https : public ::testing::Test {
 protected:
-    static std::string dir, cert, key, hashed_dir, empty_dir, dir_link, fifo;
-    static std::unique_ptr<httplib::SSLServer> server;
-    static std::thread thread;
-    static int port;
-
     static void SetUpTestSuite()
     {
         char tmpl[] = "/tmp/hls-https-XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir = tmpl;
-        cert = dir + "/cert.pem";
-        key = dir + "/key.pem";
-        run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=localhost"
-            " -addext subjectAltName=DNS:localhost,IP:127.0.0.1 -keyout " + key + " -out " + cert + " 2>/dev/null");
         // A CA directory is searched by subject hash: <hash>.0 names the file.
-        std::string hash = run("openssl x509 -hash -noout -in " + cert);
-        hash.erase(hash.find_last_not_of("\n") + 1);
-        hashed_dir = dir + "/hashed";
-        empty_dir = dir + "/empty";
-        dir_link = dir + "/link";
-        fifo = dir + "/fifo";
-        mkdir(hashed_dir.c_str(), 0700);
-        mkdir(empty_dir.c_str(), 0700);
-        ASSERT_EQ(symlink(cert.c_str(), (hashed_dir + "/" + hash + ".0").c_str()), 0);
-        ASSERT_EQ(symlink(hashed_dir.c_str(), dir_link.c_str()), 0);
-        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-
-        server.reset(new httplib::SSLServer(cert.c_str(), key.c_str()));
-        ASSERT_TRUE(server->is_valid()) << "certificate generation failed";
+        const std::string script =
+            "cd " + dir + " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+            " -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1 -keyout key.pem -out cert.pem"
+            " 2>/dev/null && mkdir hashed empty && ln -s ../cert.pem hashed/$(openssl x509 -hash -noout -in cert.pem).0"
+            " && ln -s hashed link && ln -s cert.pem file-link && ln -s gone dangling && mkfifo fifo";
+        ASSERT_EQ(system(script.c_str()), 0);
+        server.reset(new httplib::SSLServer(at("cert.pem").c_str(), at("key.pem").c_str()));
+        ASSERT_TRUE(server->is_valid());
         server->Get("/pl", [](const httplib::Request &, httplib::Response &res) {
             res.set_content("#EXTM3U\n", "application/vnd.apple.mpegurl");
         });
@@ -88,105 +64,69 @@ protected:
             thread.join();
         }
         server.reset();
-        run("rm -rf " + dir);
-    }
-
-    static std::string url(const std::string &scheme, const std::string &path)
-    {
-        return scheme + "://127.0.0.1:" + std::to_string(port) + path;
-    }
-
-    static hls_connect_param param(const std::string &u)
-    {
-        hls_connect_param p{};
-        snprintf(p.url, sizeof(p.url), "%s", u.c_str());
-        p.connect_timeout = 2;
-        p.timeout = 5;
-        return p;
+        ASSERT_EQ(system(("rm -rf " + dir).c_str()), 0);
     }
 };
 
-std::string Https::dir, Https::cert, Https::key, Https::hashed_dir, Https::empty_dir, Https::dir_link, Https::fifo;
-std::unique_ptr<httplib::SSLServer> Https::server;
-std::thread Https::thread;
-int Https::port = 0;
+hls_connect_param param(const std::string &scheme, const char *path)
+{
+    hls_connect_param p{};
+    snprintf(p.url, sizeof(p.url), "%s://127.0.0.1:%d%s", scheme.c_str(), port, path);
+    p.connect_timeout = 2;
+    p.timeout = 5;
+    return p;
+}
 
 } // namespace
 
-TEST_F(Https, CertificateRuleDecidesPlaylistTransfers)
+TEST_F(Https, CaPathKindDecidesVerificationOfPlaylistAndSegmentTransfers)
 {
-    const std::string missing = dir + "/no-such-path";
+    // check: what check_ca_path_valid returns and stores (7: left untouched).
     struct Case {
-        const char *what;
-        const char *ca_path;
+        std::string ca_path; // empty: none at all
         const char *scheme;
-        int32_t expect;
+        int32_t check, is_dir, expect;
     } cases[] = {
-        {"certificate as CA file", cert.c_str(), "https", 1},
-        {"CA directory holding it", hashed_dir.c_str(), "https", 1},
-        {"symbolic link to that directory", dir_link.c_str(), "https", 1},
-        {"CA directory without it", empty_dir.c_str(), "https", 0},
-        {"missing CA path: verification off", missing.c_str(), "https", 1},
-        {"pipe as CA path: verification off", fifo.c_str(), "https", 1},
-        {"no CA path: verification off", nullptr, "https", 1},
+        {at("cert.pem"), "https", 1, 0, 1},  // the certificate as CA file
+        {at("file-link"), "https", 1, 0, 1}, // a symbolic link to it
+        {at("hashed"), "https", 1, 1, 1},    // a CA directory holding it
+        {at("link"), "https", 1, 1, 1},      // a symbolic link to that directory
+        {at("empty"), "https", 1, 1, 0},     // a CA directory without it
+        // Nothing usable at the CA path: verification off.
+        {at("none"), "https", 0, 7, 1},
+        {at("dangling"), "https", 0, 7, 1},
+        {at("fifo"), "https", 0, 7, 1},
+        {"/dev/null", "https", 0, 7, 1},
+        {"", "https", 0, 7, 1},
         // A capitalised scheme is left to libcurl's own defaults, which
         // verify against the system store and so reject this certificate.
-        {"capitalised scheme", missing.c_str(), "HTTPS", 0},
+        {at("none"), "HTTPS", 0, 7, 0},
     };
+    const std::string rejected = "ret:" + std::to_string(CURLE_PEER_FAILED_VERIFICATION) + "-";
     for (const Case &c : cases) {
-        m3u8_downloader *d = m3u8_downloader_new(c.ca_path);
-        hls_connect_param p = param(url(c.scheme, "/pl"));
-        StderrCapture err;
-        EXPECT_EQ(m3u8_downloader_prepare(d, &p), c.expect) << c.what;
-        if (c.expect) {
-            hls_buffer *b = m3u8_downloader_get_buffer(d);
-            EXPECT_EQ(std::string((const char *)b->data, b->size), "#EXTM3U\n") << c.what;
-        } else {
-            EXPECT_TRUE(err.contains("ret:" + std::to_string(CURLE_PEER_FAILED_VERIFICATION) + "-")) << c.what << "\n"
-                                                                                                     << err.text();
-        }
-        m3u8_downloader_free(d);
-    }
-}
-
-TEST_F(Https, CertificateRuleDecidesSegmentTransfers)
-{
-    struct Case {
-        const char *ca_path;
-        int32_t expect;
-        size_t fed;
-    } cases[] = {{cert.c_str(), 1, 3000}, {empty_dir.c_str(), 0, 0}, {nullptr, 1, 3000}};
-    for (const Case &c : cases) {
-        test_host::reset();
-        void *demux = ts_demux_new([](void *, frame_info *, uint8_t *, void *) { return 0; }, nullptr);
-        ts_downloader *d = ts_downloader_new(demux, c.ca_path);
-        hls_connect_param p = param(url("https", "/seg.ts"));
-        StderrCapture err;
-        EXPECT_EQ(ts_downloader_prepare(d, &p, 2000), c.expect) << (c.ca_path ? c.ca_path : "null");
-        size_t fed = 0;
-        for (const HostEvent &e : test_host::events())
-            fed += e.kind == HostEvent::Put ? (size_t)e.value : 0;
-        EXPECT_EQ(fed, c.fed) << (c.ca_path ? c.ca_path : "null");
-        ts_downloader_free(d);
-        ts_demux_free(demux);
-    }
-}
-
-TEST_F(Https, CaPathCheckAcceptsDirectoriesAndRegularFilesOnly)
-{
-    const std::string file_link = dir + "/file-link", dangling = dir + "/dangling";
-    ASSERT_EQ(symlink(cert.c_str(), file_link.c_str()), 0);
-    ASSERT_EQ(symlink((dir + "/gone").c_str(), dangling.c_str()), 0);
-    struct Case {
-        std::string path;
-        int32_t result, is_dir; // is_dir starts at 7: 7 means untouched
-    } cases[] = {
-        {hashed_dir, 1, 1}, {cert, 1, 0},     {dir_link, 1, 1},         {file_link, 1, 0},
-        {dir + "/none", 0, 7}, {dangling, 0, 7}, {fifo, 0, 7}, {"/dev/null", 0, 7},
-    };
-    for (const Case &c : cases) {
+        const char *ca_path = c.ca_path.empty() ? nullptr : c.ca_path.c_str();
         int32_t is_dir = 7;
-        EXPECT_EQ(check_ca_path_valid(c.path.c_str(), &is_dir), c.result) << c.path;
-        EXPECT_EQ(is_dir, c.is_dir) << c.path;
+        if (ca_path) {
+            EXPECT_EQ(check_ca_path_valid(ca_path, &is_dir), c.check) << c.ca_path;
+            EXPECT_EQ(is_dir, c.is_dir) << c.ca_path;
+        }
+        StderrCapture err;
+        m3u8_downloader *d = m3u8_downloader_new(ca_path);
+        hls_connect_param p = param(c.scheme, "/pl");
+        EXPECT_EQ(m3u8_downloader_prepare(d, &p), c.expect) << c.ca_path << " " << c.scheme;
+        hls_buffer *b = m3u8_downloader_get_buffer(d);
+        EXPECT_EQ(std::string((const char *)b->data, b->size), c.expect ? "#EXTM3U\n" : "") << c.ca_path;
+        m3u8_downloader_free(d);
+
+        test_host::reset();
+        test_host::keep_pieces = true;
+        void *demux = ts_demux_new([](void *, frame_info *, uint8_t *, void *) { return 0; }, nullptr);
+        ts_downloader *t = ts_downloader_new(demux, ca_path);
+        p = param(c.scheme, "/seg.ts");
+        EXPECT_EQ(ts_downloader_prepare(t, &p, 2000), c.expect) << c.ca_path << " " << c.scheme;
+        EXPECT_EQ(test_host::received_bytes(false), c.expect ? std::string(3000, 't') : "") << c.ca_path;
+        ts_downloader_free(t);
+        ts_demux_free(demux);
+        EXPECT_EQ(err.count(rejected), c.expect ? 0u : 2u) << err.text();
     }
 }
