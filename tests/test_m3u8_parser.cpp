@@ -222,17 +222,18 @@ TEST(M3u8Parser, KeepsOrDropsSegmentsAsTheLineStatesSay)
         {"untagged after end", "#EXTINF:1,\na.ts\n#EXT-X-ENDLIST\nb.ts\n", true, {"a.ts#0"}},
         {"CRLF endings", "#EXTINF:1,\r\na.ts\r\n", true, {"a.ts#0"}},
     };
+    M3U8Parser parser; // one for all: every parse starts afresh
     for (const Case &c : cases) {
-        M3UTSPlaylist playlist = M3U8Parser().parse("u", c.text);
+        M3UTSPlaylist playlist = parser.parse("u", c.text);
         EXPECT_EQ(playlist.valid, c.valid) << c.what;
         EXPECT_EQ(uris(playlist), c.uris) << c.what;
     }
     // A tag that keeps the tag kind leaves the URI a URI, with no duration.
-    M3UTSPlaylist kept = M3U8Parser().parse("u", "#EXTINF:4,\n#EXT-X-VERSION:3\na.ts\n");
+    M3UTSPlaylist kept = parser.parse("u", "#EXTINF:4,\n#EXT-X-VERSION:3\na.ts\n");
     ASSERT_EQ(kept.items.size(), 1u);
     EXPECT_EQ(kept.items[0].durationNs, 0u);
     // Without an end-of-list tag and segments every header field stays initial.
-    M3UTSPlaylist bare = M3U8Parser().parse("u", "#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:3\n");
+    M3UTSPlaylist bare = parser.parse("u", "#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:3\n");
     EXPECT_EQ(bare.targetDurationNs + bare.mediaSequence, 0u);
 }
 
@@ -240,7 +241,8 @@ TEST(M3u8Parser, AssemblesVariantsAndLetsAttributesPersist)
 {
     const std::string text = "#EXTM3U\n#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH=800000,RESOLUTION=640x360\nlow.m3u8\n"
                              "#EXT-X-STREAM-INF:BANDWIDTH=1600000\nhigh.m3u8\n";
-    MasterM3UPlaylist master = M3U8Parser().parseMaster("http://h/m.m3u8", text);
+    M3U8Parser parser; // one for all: every parse starts afresh
+    MasterM3UPlaylist master = parser.parseMaster("http://h/m.m3u8", text);
     EXPECT_TRUE(master.valid);
     EXPECT_EQ(master.url, "http://h/m.m3u8");
     Strings got;
@@ -258,7 +260,7 @@ TEST(M3u8Parser, AssemblesVariantsAndLetsAttributesPersist)
         {"#EXT-X-STREAM-INF:BANDWIDTH=1\nv.m3u8\n#EXTINF:1,\na.ts\n", true, 2},
     };
     for (const Case &c : cases) {
-        MasterM3UPlaylist m = M3U8Parser().parseMaster("u", c.text);
+        MasterM3UPlaylist m = parser.parseMaster("u", c.text);
         EXPECT_EQ(m.valid, c.valid) << c.text;
         EXPECT_EQ(m.playlists.size(), c.variants) << c.text;
     }
