@@ -192,7 +192,7 @@ TEST(FlvDemuxDamage, GarbageOversizedTagsAndWrongTagSizes)
     Frames few(s.video.begin(), s.video.begin() + 30);
     std::string set_up = HEADER + sequence_header(s.sps, s.pps), frames = video_tags(few, {});
     // A tag beyond the size cap is passed over without being kept.
-    std::string big = tag(9, 0, "\x27\x01" + std::string(ES_MAX_FRAME + 10, '\0'));
+    std::string big = tag(9, 0, std::string("\x27\x01\0\0\0", 5) + be(ES_MAX_FRAME, 4) + std::string(ES_MAX_FRAME, 'A'));
     EXPECT_TRUE(run_demux(true, set_up + big + frames, 65536).video() == few);
     // A writer that leaves PreviousTagSize at 0: every tag that another
     // follows is still taken; the last one cannot be told from damage.
