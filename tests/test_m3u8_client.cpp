@@ -57,6 +57,14 @@ std::string describe(uint64_t sequence, const std::string &uri, uint64_t ns, boo
     return std::to_string(sequence) + ":" + uri + ":" + std::to_string(ns / 1000000) + (done ? "*" : "");
 }
 
+Strings describe(const std::list<TSDataItem> &list)
+{
+    Strings out;
+    for (const TSDataItem &e : list)
+        out.push_back(describe(e.sequence_no, e.uri, e.duration, e.has_downloaded));
+    return out;
+}
+
 std::string take(char *owned)
 {
     std::string out = owned ? owned : "(null)";
@@ -74,13 +82,7 @@ struct Client {
         return is_master ? m3u8_client_load_master_playlist(c, url.c_str(), &buffer, is_master)
                          : m3u8_client_load_playlist(c, url.c_str(), &buffer);
     }
-    Strings list()
-    {
-        Strings out;
-        for (const TSDataItem &item : impl().fragments)
-            out.push_back(describe(item.sequence_no, item.uri, item.duration, item.has_downloaded));
-        return out;
-    }
+    Strings list() { return describe(impl().fragments); }
     // The front (or back) fragment record, described, or "(null)".
     std::string fragment(bool back = false)
     {
@@ -113,12 +115,7 @@ TEST(M3u8Client, NewClientAndNullArgumentsGiveNothing)
 TEST(M3u8Client, PicksVariantByBandwidthWithTieBreaks)
 {
     const std::vector<uint64_t> five = {800000, 400000, 400000, 1200000, 1200000};
-    struct Case {
-        std::vector<uint64_t> bandwidths;
-        int32_t highest;
-        std::string uri;
-        uint64_t bps;
-    } cases[] = {
+    struct Case { std::vector<uint64_t> bandwidths; int32_t highest; std::string uri; uint64_t bps; } cases[] = {
         {five, 1, "v3.m3u8", 1200000}, {five, -7, "v3.m3u8", 1200000}, {five, 0, "v2.m3u8", 400000},
         {{5}, 1, "v0.m3u8", 5},        {{5}, 0, "v0.m3u8", 5},          {{1ull << 32 | 1, 5}, 1, "v0.m3u8", 1ull << 32 | 1},
     };
@@ -289,12 +286,7 @@ namespace {
 // merging, marking, the reload rule with its one-second boundary, and the
 // trim to max_fragment_count beside the pending elements.
 struct ReferenceClient {
-    struct Item {
-        bool done;
-        std::string uri;
-        uint64_t sequence, duration;
-    };
-    std::list<Item> list;
+    std::list<TSDataItem> list;
     uint32_t max = 0;
     std::string raw; // no text loaded here is empty
     size_t not_found = 0, repeated = 0, unresolved = 0;
@@ -308,8 +300,8 @@ struct ReferenceClient {
         for (const M3UTSItem &item : playlist.items) {
             std::string absolute = get_absolute_path(url, item.uri);
             bool known = absolute.empty() && ++unresolved;
-            for (const Item &e : list)
-                known = known || e.sequence == item.sequence || (e.uri == absolute && e.duration == item.durationNs);
+            for (const TSDataItem &e : list)
+                known = known || e.sequence_no == item.sequence || (e.uri == absolute && e.duration == item.durationNs);
             if (!known)
                 list.push_back({false, absolute, item.sequence, item.durationNs});
         }
@@ -318,10 +310,10 @@ struct ReferenceClient {
     }
     int32_t pop(uint64_t sequence)
     {
-        for (Item &e : list)
-            if (e.sequence == sequence) {
-                repeated += e.done;
-                return e.done = true;
+        for (TSDataItem &e : list)
+            if (e.sequence_no == sequence) {
+                repeated += e.has_downloaded;
+                return e.has_downloaded = true;
             }
         ++not_found;
         return 0;
@@ -329,19 +321,12 @@ struct ReferenceClient {
     int32_t refresh()
     {
         uint64_t pending = 0, sum = 0;
-        for (const Item &e : list)
-            if (!e.done)
+        for (const TSDataItem &e : list)
+            if (!e.has_downloaded)
                 ++pending, sum += e.duration;
         while (list.size() > max + pending)
             list.pop_front();
         return pending <= 1 || sum <= 1000000000ull;
-    }
-    Strings snapshot() const
-    {
-        Strings out;
-        for (const Item &e : list)
-            out.push_back(describe(e.sequence, e.uri, e.duration, e.done));
-        return out;
     }
 };
 
@@ -386,7 +371,7 @@ TEST(M3u8Client, IndexedMergeMatchesListWalkOverRandomReloads)
             }
             SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + " op " + std::to_string(op));
             ASSERT_EQ(got, want);
-            Strings list = ref.snapshot();
+            Strings list = describe(ref.list);
             ASSERT_EQ(client.list(), list);
             ASSERT_EQ(client.impl().max_fragment_count, ref.max);
             if (pick(3) == 0) { // not every step, so that marks and trims also meet a stale front
