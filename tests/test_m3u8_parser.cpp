@@ -26,14 +26,6 @@ M3U8Parser after(const Strings &lines, int32_t state = NoLine, int32_t substate 
     return parser;
 }
 
-Strings uris(const M3UTSPlaylist &playlist)
-{
-    Strings out;
-    for (const M3UTSItem &item : playlist.items)
-        out.push_back(item.uri + "#" + std::to_string(item.sequence));
-    return out;
-}
-
 } // namespace
 
 TEST(M3u8Parser, SplitsOnSeparatorRunsAndNeverYieldsEmptyWords)
@@ -162,79 +154,57 @@ TEST(M3u8Parser, LineCycleClassifiesLinesAndReadsTagsWordByWord)
     }
 }
 
-TEST(M3u8Parser, SegmentDurationsTruncateToNanoseconds)
+// Each row is parsed by the same parser, so every parse must start afresh.
+// A result reads "valid" or "invalid", the header fields that are set, then
+// each segment as "uri#sequence start+duration" in nanoseconds.
+TEST(M3u8Parser, AssemblesSegmentsAsTheLineStatesSay)
 {
-    // 2.002 s lies just below its exact value in double precision, and the
-    // conversion truncates.
-    struct Ns { std::string tag; uint64_t ns; } ns_cases[] = {
-        {"#EXTINF:2.002,", 2001999999ull}, {"#EXTINF:10.5,", 10500000000ull}, {"#EXTINF,", 0},
-        {"#EXTINF:18446744073709551615,", UINT64_MAX}};
-    for (const Ns &c : ns_cases) {
-        M3UTSPlaylist playlist = M3U8Parser().parse("u", c.tag + "\na.ts\n");
-        ASSERT_EQ(playlist.items.size(), 1u) << c.tag;
-        EXPECT_EQ(playlist.items[0].durationNs, c.ns) << c.tag;
-    }
-}
-
-TEST(M3u8Parser, AssemblesSegmentsWithSequenceAndTimes)
-{
-    const std::string text = "#EXTM3U\r\n#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:7\n#EXT-X-PLAYLIST-TYPE:VOD\n"
-                             "#EXTINF:10,\na.ts\n#EXTINF:10,\nb.ts\n#EXTINF:5.5,\nc.ts";
-    M3U8Parser parser;
-    M3UTSPlaylist playlist = parser.parse("http://h/p.m3u8", text);
-    const uint64_t s = 1000000000ull;
-    struct Want { uint64_t start, end, duration; } want[] = {{0, 10 * s, 10 * s}, {10 * s, 20 * s, 10 * s},
-                                                             {20 * s, 25 * s + s / 2, 5 * s + s / 2}};
-    EXPECT_EQ(uris(playlist), (Strings{"a.ts#7", "b.ts#8", "c.ts#9"}));
-    for (size_t i = 0; i < 3 && i < playlist.items.size(); ++i) {
-        EXPECT_EQ(playlist.items[i].startNs, want[i].start);
-        EXPECT_EQ(playlist.items[i].endNs, want[i].end);
-        EXPECT_EQ(playlist.items[i].durationNs, want[i].duration);
-    }
-    EXPECT_TRUE(playlist.valid); // live: no end-of-list tag, header filled at the end
-    EXPECT_EQ(playlist.totalDurationNs, 25 * s + s / 2);
-    EXPECT_EQ(playlist.targetDurationNs, 6 * s);
-    EXPECT_EQ(playlist.mediaSequence, 7u);
-    EXPECT_EQ(playlist.playlistType, "VOD");
-    EXPECT_EQ(playlist.url, "http://h/p.m3u8");
-
-    // A second parse on the same object starts its counters and the sequence
-    // again, but the version read before stays.
-    parser.version = 5;
-    M3UTSPlaylist again = parser.parse("u", "#EXTINF:1,\nx.ts\n");
-    ASSERT_EQ(uris(again), (Strings{"x.ts#0"}));
-    EXPECT_EQ(again.items[0].startNs, 0u);
-    EXPECT_EQ(parser.version, 5u);
-}
-
-TEST(M3u8Parser, KeepsOrDropsSegmentsAsTheLineStatesSay)
-{
-    struct Case { const char *what; std::string text; bool valid; Strings uris; } cases[] = {
-        {"empty", "", false, {}},
-        {"tags only", "#EXTM3U\n#EXT-X-VERSION:3\n", false, {}},
-        {"end-of-list only", "#EXTM3U\n#EXT-X-ENDLIST\n", true, {}},
-        {"blank before URI", "#EXTINF:1,\n\na.ts\n#EXTINF:1,\nb.ts", true, {"b.ts#0"}},
-        {"comment taken as URI", "#EXTINF:1,\n# note\na.ts\n", true, {"# note#0"}},
-        {"byte range between", "#EXTINF:1,\n#EXT-X-BYTERANGE:5@0\na.ts\n", false, {}},
-        {"two untagged lines", "#EXTINF:1,\na.ts\nb.ts\n", true, {"a.ts#0"}},
-        {"tag after a URI line", "#EXTINF:1,\na.ts\n#EXT-X-VERSION:3\nb.ts\n", true, {"a.ts#0"}},
-        {"unreadable seconds", "#EXT-X-MEDIA-SEQUENCE:4\n#EXTINF:x,\na.ts\n#EXTINF:1,\nb.ts", true, {"b.ts#4"}},
-        {"untagged after end", "#EXTINF:1,\na.ts\n#EXT-X-ENDLIST\nb.ts\n", true, {"a.ts#0"}},
-        {"CRLF endings", "#EXTINF:1,\r\na.ts\r\n", true, {"a.ts#0"}},
+    struct Case { const char *what; std::string text, want; } cases[] = {
+        {"empty", "", "invalid"},
+        {"tags only", "#EXTM3U\n#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:3\n", "invalid"},
+        {"end-of-list only", "#EXTM3U\n#EXT-X-TARGETDURATION:6\n#EXT-X-ENDLIST\n", "valid td=6000000000"},
+        {"blank before URI", "#EXTINF:1,\n\na.ts\n#EXTINF:1,\nb.ts", "valid total=1000000000 | b.ts#0 0+1000000000"},
+        {"comment taken as URI", "#EXTINF:1,\n# note\na.ts\n", "valid total=1000000000 | # note#0 0+1000000000"},
+        {"byte range between", "#EXTINF:1,\n#EXT-X-BYTERANGE:5@0\na.ts\n", "invalid"},
+        {"version tag between", "#EXTINF:4,\n#EXT-X-VERSION:3\na.ts\n", "valid | a.ts#0 0+0"},
+        {"two untagged lines", "#EXTINF:1,\na.ts\nb.ts\n", "valid total=1000000000 | a.ts#0 0+1000000000"},
+        {"tag after a URI line", "#EXTINF:1,\na.ts\n#EXT-X-VERSION:3\nb.ts\n",
+         "valid total=1000000000 | a.ts#0 0+1000000000"},
+        {"unreadable seconds", "#EXT-X-MEDIA-SEQUENCE:4\n#EXTINF:x,\na.ts\n#EXTINF:1,\nb.ts",
+         "valid seq=4 total=1000000000 | b.ts#4 0+1000000000"},
+        {"untagged after end", "#EXTINF:1,\na.ts\n#EXT-X-ENDLIST\nb.ts\n", "valid total=1000000000 | a.ts#0 0+1000000000"},
+        {"CRLF endings", "#EXTINF:1,\r\na.ts\r\n", "valid total=1000000000 | a.ts#0 0+1000000000"},
+        // 2.002 s lies just below its exact value in double precision, and
+        // the conversion truncates.
+        {"2.002 s", "#EXTINF:2.002,\na.ts\n", "valid total=2001999999 | a.ts#0 0+2001999999"},
+        {"no seconds", "#EXTINF,\na.ts\n", "valid | a.ts#0 0+0"},
+        {"beyond 64 bits", "#EXTINF:18446744073709551615,\na.ts\n",
+         "valid total=18446744073709551615 | a.ts#0 0+18446744073709551615"},
+        {"live, header filled at the end",
+         "#EXTM3U\r\n#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:7\n#EXT-X-PLAYLIST-TYPE:VOD\n"
+         "#EXTINF:10,\na.ts\n#EXTINF:10,\nb.ts\n#EXTINF:5.5,\nc.ts",
+         "valid seq=7 td=6000000000 total=25500000000 type=VOD | a.ts#7 0+10000000000 "
+         "| b.ts#8 10000000000+10000000000 | c.ts#9 20000000000+5500000000"},
+        {"type kept from the parse before", "#EXTINF:1,\nx.ts\n", "valid total=1000000000 type=VOD | x.ts#0 0+1000000000"},
     };
-    M3U8Parser parser; // one for all: every parse starts afresh
+    M3U8Parser parser;
     for (const Case &c : cases) {
-        M3UTSPlaylist playlist = parser.parse("u", c.text);
-        EXPECT_EQ(playlist.valid, c.valid) << c.what;
-        EXPECT_EQ(uris(playlist), c.uris) << c.what;
+        M3UTSPlaylist p = parser.parse("http://h/p.m3u8", c.text);
+        std::pair<const char *, uint64_t> header[] = {
+            {"seq", p.mediaSequence}, {"td", p.targetDurationNs}, {"total", p.totalDurationNs}};
+        std::string got = p.valid ? "valid" : "invalid";
+        for (const auto &h : header)
+            got += h.second ? std::string(" ") + h.first + "=" + std::to_string(h.second) : "";
+        got += p.playlistType.empty() ? "" : " type=" + p.playlistType;
+        for (const M3UTSItem &i : p.items) {
+            got += " | " + i.uri + "#" + std::to_string(i.sequence) + " " + std::to_string(i.startNs) + "+" +
+                   std::to_string(i.durationNs);
+            EXPECT_EQ(i.endNs, i.startNs + i.durationNs) << c.what;
+        }
+        EXPECT_EQ(got, c.want) << c.what;
+        EXPECT_EQ(p.url, "http://h/p.m3u8");
     }
-    // A tag that keeps the tag kind leaves the URI a URI, with no duration.
-    M3UTSPlaylist kept = parser.parse("u", "#EXTINF:4,\n#EXT-X-VERSION:3\na.ts\n");
-    ASSERT_EQ(kept.items.size(), 1u);
-    EXPECT_EQ(kept.items[0].durationNs, 0u);
-    // Without an end-of-list tag and segments every header field stays initial.
-    M3UTSPlaylist bare = parser.parse("u", "#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:3\n");
-    EXPECT_EQ(bare.targetDurationNs + bare.mediaSequence, 0u);
+    EXPECT_EQ(parser.version, 3u); // not reset between parses
 }
 
 TEST(M3u8Parser, AssemblesVariantsAndLetsAttributesPersist)
