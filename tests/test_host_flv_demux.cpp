@@ -1,6 +1,7 @@
-// Reference FLV demultiplexer: the sample stream gives the recorded
-// elementary streams in any split, AVC becomes Annex B with parameter sets
-// before key frames, AAC becomes ADTS, and damage costs only damaged tags.
+// Reference FLV demultiplexer: AVC becomes Annex B with parameter sets
+// before key frames, the frame rate comes from the best source at hand,
+// audio tags become frames, and damage costs only the damaged tags. The
+// recorded sample itself is checked in test_host_demux_samples.
 #include <gtest/gtest.h>
 
 #include <string.h>
