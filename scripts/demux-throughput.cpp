@@ -1,5 +1,5 @@
 // Throughput of the reference demultiplexers over the sample streams, for
-// docs/performance-demux.md. Build and run from the source tree after a
+// docs/performance.md. Build and run from the source tree after a
 // build in build/:
 //   g++ -O2 -std=c++17 -Iinclude scripts/demux-throughput.cpp -Lbuild -lhostdemux \
 //       -Wl,-rpath,$PWD/build -o /tmp/demux-throughput && /tmp/demux-throughput

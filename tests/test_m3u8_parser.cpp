@@ -9,44 +9,37 @@
 
 namespace {
 
-// One line cycle as the parse loop runs it, without the assembly step.
-void feed(M3U8Parser &parser, const std::string &line)
-{
-    parser.line = line;
-    parser.evalState();
-    parser.readLine();
-}
+using Strings = std::vector<std::string>;
 
-std::vector<std::string> uris(const M3UTSPlaylist &playlist)
+// A parser that ran the line cycle, without the assembly step, over `lines`,
+// starting in `state` after a tag of kind `substate`.
+M3U8Parser after(const Strings &lines, int32_t state = NoLine, int32_t substate = OtherTag)
 {
-    std::vector<std::string> out;
-    for (const M3UTSItem &item : playlist.items)
-        out.push_back(item.uri);
-    return out;
+    M3U8Parser parser;
+    parser.state = state;
+    parser.substate = substate;
+    for (const std::string &line : lines) {
+        parser.line = line;
+        parser.evalState();
+        parser.readLine();
+    }
+    return parser;
 }
 
 } // namespace
 
 TEST(M3u8Parser, SplitsOnSeparatorRunsAndNeverYieldsEmptyWords)
 {
-    using Words = std::vector<std::string>;
-    const std::string seps = "# -.,:=";
-    struct Case {
-        std::string text;
-        Words words;
-    } cases[] = {
+    struct Case { std::string text; Strings words; } cases[] = {
         {"#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH=1280000,RESOLUTION=1280x720",
          {"EXT", "X", "STREAM", "INF", "PROGRAM", "ID", "1", "BANDWIDTH", "1280000", "RESOLUTION", "1280x720"}},
-        {"#EXTINF:9.009,", {"EXTINF", "9", "009"}},
-        {"#EXT-X-TARGETDURATION:10", {"EXT", "X", "TARGETDURATION", "10"}},
-        {"", {}},
-        {"# -.,:=#", {}},
-        {"a--b", {"a", "b"}},
+        {"#EXTINF:9.009,", {"EXTINF", "9", "009"}}, {"#EXT-X-TARGETDURATION:10", {"EXT", "X", "TARGETDURATION", "10"}},
+        {"", {}}, {"# -.,:=#", {}}, {"a--b", {"a", "b"}},
         {"\"q\"\ta/b", {"\"q\"\ta/b"}}, // quote, tab and slash belong to words
     };
     for (const Case &c : cases)
-        EXPECT_EQ(custom_split(c.text, seps), c.words) << c.text;
-    EXPECT_EQ(custom_split("x1y11z", "1"), (Words{"x", "y", "z"}));
+        EXPECT_EQ(custom_split(c.text, "# -.,:="), c.words) << c.text;
+    EXPECT_EQ(custom_split("x1y11z", "1"), (Strings{"x", "y", "z"}));
 }
 
 TEST(M3u8Parser, NumberReaderMatchesStreamExtractionExactly)
@@ -55,18 +48,16 @@ TEST(M3u8Parser, NumberReaderMatchesStreamExtractionExactly)
         M3U8Parser parser;
         parser.state = TagLine;
         parser.token = word;
-        uint64_t got = parser.tokenToUnsignedInt();
+        uint64_t got = parser.tokenToUnsignedInt(), want = 0;
         std::istringstream in(word);
-        uint64_t want = 0;
         bool ok = static_cast<bool>(in >> want);
         EXPECT_EQ(got, want) << "word [" << word << "]";
         EXPECT_EQ(parser.state, ok ? TagLine : NoLine) << "word [" << word << "]";
     };
-    const char *tricky[] = {"0", "25a", "", "a25", "007", "-5", "+5", "-", "+", "+-5", "-0", " \t\v\f\r\n42x",
-                            "\t", "18446744073709551615", "18446744073709551616", "99999999999999999999999",
-                            "-18446744073709551615", "-18446744073709551616", "0000000000000000000000018446744073709551615",
-                            "1x2", "0x1f", "+\t5", "12 34", "\xff" "1", "5+"};
-    for (const char *word : tricky)
+    // What the random words below cannot hold: other white space, bytes
+    // above 127, and long runs of digits around the 64-bit limit.
+    for (const char *word : {"", " \t\v\f\r\n42x", "\xff" "1", "18446744073709551615", "18446744073709551616",
+                             "-18446744073709551615", "-18446744073709551616", "0000000000000000000000018446744073709551615"})
         check(word);
     // And the shapes between them, at random.
     std::mt19937 rng(12345);
@@ -83,284 +74,154 @@ TEST(M3u8Parser, NumberReaderMatchesStreamExtractionExactly)
     EXPECT_EQ(parser.tokenToUnsignedInt(), UINT64_MAX - 4);
 }
 
-TEST(M3u8Parser, ClassifiesLinesByPrefixAndWhatCameBefore)
+// Each row runs its lines through the line cycle, from the given line state
+// and tag kind, and lists what the parser then holds: "s<state> k<substate>"
+// and every field that differs from a new parser's.
+TEST(M3u8Parser, LineCycleClassifiesLinesAndReadsTagsWordByWord)
 {
-    struct Case {
-        int32_t state, substate;
-        std::string line;
-        int32_t expect;
-        std::string stripped;
-    } cases[] = {
-        {NoLine, OtherTag, "#EXTINF:5,\r\n", TagLine, "#EXTINF:5,"},
-        {NoLine, OtherTag, "#EXTM3U\r\r\r", TagLine, "#EXTM3U"},
-        {TagLine, ExtInf, "\r", NoLine, ""},
-        {TagLine, ExtInf, " seg.ts ", UriLine, " seg.ts "}, // spaces stay
-        {TagLine, StreamInf, "v.m3u8\r", UriLine, "v.m3u8"},
-        {TagLine, EndList, "seg.ts", TagLine, "seg.ts"},
-        {TagLine, OtherTag, "# comment", TagLine, "# comment"},
-        {UriLine, ExtInf, "seg.ts", NoLine, "seg.ts"},
-        {NoLine, ExtInf, "seg.ts", NoLine, "seg.ts"},
-        {TagLine, ExtInf, "#ext-x-endlist", UriLine, "#ext-x-endlist"}, // case matters
-        {TagLine, ExtInf, "#EX", UriLine, "#EX"},
+    struct Case { Strings lines; std::string want; int32_t state = NoLine, substate = OtherTag; } cases[] = {
+        // Line classification; only trailing CR and LF are removed.
+        {{"#EXT-X-ENDLIST\r\n"}, "s0 k2"},
+        {{"#EXTM3U\r\r\r"}, "s0 k1", TagLine, ExtInf},
+        {{"\r"}, "s2 k1", TagLine, ExtInf},
+        {{" seg.ts "}, "s1 k3 uri= seg.ts ", TagLine, ExtInf},
+        {{"v.m3u8\r"}, "s1 k3 uri=v.m3u8", TagLine, StreamInf},
+        {{"seg.ts"}, "s0 k3", TagLine, EndList},
+        {{"# EXTINF"}, "s0 k1", TagLine, OtherTag}, // a comment read as a tag line
+        {{"seg.ts"}, "s2 k1", UriLine, ExtInf},
+        {{"seg.ts"}, "s2 k1", NoLine, ExtInf},
+        {{"#ext-x-endlist"}, "s1 k3 uri=#ext-x-endlist", TagLine, ExtInf}, // case matters
+        {{"#EX"}, "s1 k3 uri=#EX", TagLine, ExtInf},
+        // Tags, matched by whole words; a tag that sets no kind keeps ExtInf.
+        {{"#EXTINF"}, "s0 k1"},
+        {{"#EXT-ENDLIST"}, "s0 k2"},
+        {{"#EXT-X-KEY:METHOD=NONE"}, "s0 k3", TagLine, ExtInf},
+        {{"#EXT-X-MEDIA:TYPE=AUDIO"}, "s0 k3", TagLine, ExtInf},
+        {{"#EXT-X-DISCONTINUITY"}, "s0 k3", TagLine, ExtInf},
+        {{"#EXT-X-MEDIA-SEQUENCE:7"}, "s0 k1 seq=7", TagLine, ExtInf},
+        {{"#EXT-X-MEDIA-SEQUENCE:123456789012345678901"}, "s2 k1 seq=18446744073709551615", TagLine, ExtInf},
+        {{"#EXT-X-MEDIA-SEQUENCE"}, "s0 k3", TagLine, ExtInf}, // value word missing
+        {{"#EXT-X-STREAM-MEDIA-SEQUENCE:9"}, "s0 k1 seq=9", TagLine, ExtInf},
+        {{"#EXT-X-VERSION:3"}, "s0 k1 ver=3", TagLine, ExtInf},
+        {{"#EXT-X-VERSION:v3"}, "s2 k1", TagLine, ExtInf},
+        {{"#EXT-X-TARGETDURATION:10"}, "s0 k1 td=10", TagLine, ExtInf},
+        {{"#EXT-X-TARGETDURATION"}, "s0 k3", TagLine, ExtInf},
+        {{"#EXT-X-Targetduration:10"}, "s0 k3", TagLine, ExtInf},
+        {{"#EXT-X-ALLOW-CACHE:MAYBE"}, "s2 k1", TagLine, ExtInf},
+        {{"#EXT-X-ALLOW-CACHE:YES", "#EXT-X-PLAYLIST-TYPE:EVENT"}, "s0 k3 cache type=EVENT"},
+        {{"#EXT-X-ALLOW-CACHE:YES", "#EXT-X-ALLOW-CACHE:NO"}, "s0 k3"},
+        {{"#EXT-X-ALLOW-CACHE:YES", "#EXT-X-ALLOW-CACHE:yes"}, "s2 k3"}, // case matters for values too
+        {{"#EXT-X-ENDLIST", "::"}, "s0 k2"}, // no words: the word left over is compared
+        // Segment durations: whole seconds, then every later word as a fraction.
+        {{"#EXTINF:10,"}, "s0 k1 dur=10"},
+        {{"#EXTINF:10.5,"}, "s0 k1 dur=10.5"},
+        {{"#EXTINF:9.009,"}, "s0 k1 dur=9.009"},
+        {{"#EXTINF:10.000,"}, "s0 k1 dur=10"},
+        {{"#EXTINF:6.4,Live"}, "s0 k1 dur=6.4"},
+        {{"#EXTINF:10,Take 2"}, "s0 k1 dur=10.2"},
+        {{"#EXTINF:4.25a,"}, "s0 k1 dur=4.025"},
+        {{"#EXTINF:x.5,"}, "s2 k1 dur=0.5"},
+        // Variant attributes: a value is the one word after its keyword.
+        {{"#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH=1280000,RESOLUTION=1280x720"},
+         "s0 k0 prog=1 bw=1280000 inf res=1280x720"},
+        {{"#EXT-X-STREAM-INF:BANDWIDTH=5,CODECS=\"avc1.4d401f,mp4a.40.2\""}, "s0 k0 bw=5 inf"},
+        {{"#EXT-X-STREAM-INF:CODEC=\"avc1.4d401f\",BANDWIDTH=7"}, "s0 k0 bw=7 inf codec=\"avc1"},
+        {{"#EXT-X-STREAM-INF:BANDWIDTH=5,AVERAGE-BANDWIDTH=4"}, "s0 k0 bw=4 inf"},
+        {{"#EXT-X-STREAM-INF:PROGRAM-BANDWIDTH=9"}, "s0 k0 bw=9 inf"},
+        {{"#EXT-X-STREAM-INF:BANDWIDTH=3,PROGRAM"}, "s0 k0 bw=3 inf"},
+        {{"#EXT-X-STREAM-INF:PROGRAM-ID"}, "s2 k0 inf"}, // the value read is the keyword ID
+        {{"#EXT-X-STREAM-INF:RESOLUTION"}, "s0 k0 inf res=RESOLUTION"},
+        {{"#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH"}, "s2 k0 prog=1 inf"},
     };
     for (const Case &c : cases) {
-        M3U8Parser parser;
-        parser.state = c.state;
-        parser.substate = c.substate;
-        parser.line = c.line;
-        parser.evalState();
-        EXPECT_EQ(parser.state, c.expect) << c.line;
-        EXPECT_EQ(parser.line, c.stripped);
+        M3U8Parser p = after(c.lines, c.state, c.substate);
+        std::ostringstream got;
+        got.precision(15);
+        got << "s" << p.state << " k" << p.substate;
+        std::pair<const char *, uint64_t> numbers[] = {{"seq", p.mediaSequence}, {"ver", p.version},
+                                                       {"td", p.targetDuration},  {"prog", p.programId},
+                                                       {"bw", p.bandwidth}};
+        for (const auto &n : numbers)
+            got << (n.second ? std::string(" ") + n.first + "=" + std::to_string(n.second) : "");
+        got << (p.allowCache ? " cache" : "") << (p.streamInfSeen ? " inf" : "");
+        std::pair<const char *, std::string> texts[] = {
+            {"type", p.playlistType}, {"res", p.resolution}, {"codec", p.codec}, {"uri", p.uri}};
+        for (const auto &t : texts)
+            got << (t.second.empty() ? "" : std::string(" ") + t.first + "=" + t.second);
+        if (p.segmentDuration != 0.0 && p.segmentDuration != -1.0) // -1: no duration read on this line
+            got << " dur=" << p.segmentDuration;
+        EXPECT_EQ(got.str(), c.want) << testing::PrintToString(c.lines);
     }
 }
 
-TEST(M3u8Parser, RecognisesTagsByWholeWordsOnly)
+// Each row is parsed by the same parser, so every parse must start afresh.
+// A result reads "valid" or "invalid", the header fields that are set, then
+// each segment as "uri#sequence start+duration" in nanoseconds.
+TEST(M3u8Parser, AssemblesSegmentsAsTheLineStatesSay)
 {
-    // Each line is read as a tag line by a parser whose last tag was a
-    // segment tag, so that "unchanged" shows as ExtInf.
-    struct Case {
-        std::string line;
-        int32_t substate, state;
-        uint64_t number; // the number field the tag sets, when it has one
-        uint64_t M3U8Parser::*field;
-    } cases[] = {
-        {"#EXTM3U", ExtInf, TagLine, 0, nullptr},
-        {"#EXTINF", ExtInf, TagLine, 0, nullptr},
-        {"#EXT-X-ENDLIST", EndList, TagLine, 0, nullptr},
-        {"#EXT-ENDLIST", EndList, TagLine, 0, nullptr},
-        {"#EXT-X-KEY:METHOD=NONE", OtherTag, TagLine, 0, nullptr},
-        {"#EXT-X-MEDIA:TYPE=AUDIO", OtherTag, TagLine, 0, nullptr},
-        {"#EXT-X-DISCONTINUITY", OtherTag, TagLine, 0, nullptr},
-        {"#EXT-X-MEDIA-SEQUENCE:7", ExtInf, TagLine, 7, &M3U8Parser::mediaSequence},
-        {"#EXT-X-MEDIA-SEQUENCE:123456789012345678901", ExtInf, NoLine, UINT64_MAX, &M3U8Parser::mediaSequence},
-        {"#EXT-X-MEDIA-SEQUENCE", OtherTag, TagLine, 0, nullptr}, // value word missing
-        {"#EXT-X-STREAM-MEDIA-SEQUENCE:9", ExtInf, TagLine, 9, &M3U8Parser::mediaSequence},
-        {"#EXT-X-VERSION:3", ExtInf, TagLine, 3, &M3U8Parser::version},
-        {"#EXT-X-VERSION:v3", ExtInf, NoLine, 0, &M3U8Parser::version},
-        {"#EXT-X-TARGETDURATION:10", ExtInf, TagLine, 10, &M3U8Parser::targetDuration},
-        {"#EXT-X-TARGETDURATION", OtherTag, TagLine, 0, nullptr},
-        {"#EXT-X-Targetduration:10", OtherTag, TagLine, 0, nullptr},
-        {"#EXT-X-ALLOW-CACHE:MAYBE", ExtInf, NoLine, 0, nullptr},
+    struct Case { const char *what; std::string text, want; } cases[] = {
+        {"empty", "", "invalid"},
+        {"tags only", "#EXTM3U\n#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:3\n", "invalid"},
+        {"end-of-list only", "#EXTM3U\n#EXT-X-TARGETDURATION:6\n#EXT-X-ENDLIST\n", "valid td=6000000000"},
+        {"blank before URI", "#EXTINF:1,\n\na.ts\n#EXTINF:1,\nb.ts", "valid total=1000000000 | b.ts#0 0+1000000000"},
+        {"comment taken as URI", "#EXTINF:1,\n# note\na.ts\n", "valid total=1000000000 | # note#0 0+1000000000"},
+        {"byte range between", "#EXTINF:1,\n#EXT-X-BYTERANGE:5@0\na.ts\n", "invalid"},
+        {"version tag between", "#EXTINF:4,\n#EXT-X-VERSION:3\na.ts\n", "valid | a.ts#0 0+0"},
+        {"two untagged lines", "#EXTINF:1,\na.ts\nb.ts\n", "valid total=1000000000 | a.ts#0 0+1000000000"},
+        {"tag after a URI line", "#EXTINF:1,\na.ts\n#EXT-X-VERSION:3\nb.ts\n",
+         "valid total=1000000000 | a.ts#0 0+1000000000"},
+        {"unreadable seconds", "#EXT-X-MEDIA-SEQUENCE:4\n#EXTINF:x,\na.ts\n#EXTINF:1,\nb.ts",
+         "valid seq=4 total=1000000000 | b.ts#4 0+1000000000"},
+        {"untagged after end", "#EXTINF:1,\na.ts\n#EXT-X-ENDLIST\nb.ts\n", "valid total=1000000000 | a.ts#0 0+1000000000"},
+        {"CRLF endings", "#EXTINF:1,\r\na.ts\r\n", "valid total=1000000000 | a.ts#0 0+1000000000"},
+        // 2.002 s lies just below its exact value in double precision, and
+        // the conversion truncates.
+        {"2.002 s", "#EXTINF:2.002,\na.ts\n", "valid total=2001999999 | a.ts#0 0+2001999999"},
+        {"no seconds", "#EXTINF,\na.ts\n", "valid | a.ts#0 0+0"},
+        {"beyond 64 bits", "#EXTINF:18446744073709551615,\na.ts\n",
+         "valid total=18446744073709551615 | a.ts#0 0+18446744073709551615"},
+        {"live, header filled at the end",
+         "#EXTM3U\r\n#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:7\n#EXT-X-PLAYLIST-TYPE:VOD\n"
+         "#EXTINF:10,\na.ts\n#EXTINF:10,\nb.ts\n#EXTINF:5.5,\nc.ts",
+         "valid seq=7 td=6000000000 total=25500000000 type=VOD | a.ts#7 0+10000000000 "
+         "| b.ts#8 10000000000+10000000000 | c.ts#9 20000000000+5500000000"},
+        {"type kept from the parse before", "#EXTINF:1,\nx.ts\n", "valid total=1000000000 type=VOD | x.ts#0 0+1000000000"},
     };
+    M3U8Parser parser;
     for (const Case &c : cases) {
-        M3U8Parser parser;
-        parser.state = TagLine;
-        parser.substate = ExtInf;
-        feed(parser, c.line);
-        EXPECT_EQ(parser.substate, c.substate) << c.line;
-        EXPECT_EQ(parser.state, c.state) << c.line;
-        if (c.field) {
-            EXPECT_EQ(parser.*c.field, c.number) << c.line;
+        M3UTSPlaylist p = parser.parse("http://h/p.m3u8", c.text);
+        std::pair<const char *, uint64_t> header[] = {
+            {"seq", p.mediaSequence}, {"td", p.targetDurationNs}, {"total", p.totalDurationNs}};
+        std::string got = p.valid ? "valid" : "invalid";
+        for (const auto &h : header)
+            got += h.second ? std::string(" ") + h.first + "=" + std::to_string(h.second) : "";
+        got += p.playlistType.empty() ? "" : " type=" + p.playlistType;
+        for (const M3UTSItem &i : p.items) {
+            got += " | " + i.uri + "#" + std::to_string(i.sequence) + " " + std::to_string(i.startNs) + "+" +
+                   std::to_string(i.durationNs);
+            EXPECT_EQ(i.endNs, i.startNs + i.durationNs) << c.what;
         }
+        EXPECT_EQ(got, c.want) << c.what;
+        EXPECT_EQ(p.url, "http://h/p.m3u8");
     }
-
-    M3U8Parser parser;
-    feed(parser, "#EXT-X-ALLOW-CACHE:YES");
-    feed(parser, "#EXT-X-PLAYLIST-TYPE:EVENT");
-    EXPECT_TRUE(parser.allowCache);
-    EXPECT_EQ(parser.playlistType, "EVENT");
-    feed(parser, "#EXT-X-ALLOW-CACHE:NO");
-    EXPECT_FALSE(parser.allowCache);
-    EXPECT_EQ(parser.state, TagLine);
-    feed(parser, "#EXT-X-ALLOW-CACHE:yes"); // case matters for values too
-    EXPECT_EQ(parser.state, NoLine);
-    EXPECT_FALSE(parser.streamInfSeen);
-    feed(parser, "#EXT-X-STREAM-INF:BANDWIDTH=1");
-    EXPECT_TRUE(parser.streamInfSeen);
-    EXPECT_EQ(parser.substate, StreamInf);
-    // A line read as a tag line that has no words compares the word left
-    // over from the line before.
-    feed(parser, "#EXT-X-ENDLIST");
-    feed(parser, "::");
-    EXPECT_EQ(parser.state, TagLine);
-    EXPECT_EQ(parser.substate, EndList);
-}
-
-TEST(M3u8Parser, ReadsDurationsFromWholeAndFractionWords)
-{
-    struct Case {
-        std::string line;
-        double seconds;
-        int32_t state;
-    } cases[] = {
-        {"#EXTINF:10,", 10.0, TagLine},       {"#EXTINF:10.5,", 10.5, TagLine},
-        {"#EXTINF:9.009,", 9.009, TagLine},   {"#EXTINF:10.000,", 10.0, TagLine},
-        {"#EXTINF:6.4,Live", 6.4, TagLine},   {"#EXTINF", -1.0, TagLine},
-        {"#EXTINF:10,Take 2", 10.2, TagLine}, // title words are fractions too
-        {"#EXTINF:4.25a,", 4.025, TagLine},    {"#EXTINF:x.5,", 0.5, NoLine},
-    };
-    for (const Case &c : cases) {
-        M3U8Parser parser;
-        feed(parser, c.line);
-        EXPECT_DOUBLE_EQ(parser.segmentDuration, c.seconds) << c.line;
-        EXPECT_EQ(parser.state, c.state) << c.line;
-    }
-    // 2.002 s lies just below its exact value in double precision, and the
-    // conversion truncates.
-    struct Ns {
-        std::string tag;
-        uint64_t ns;
-    } ns_cases[] = {{"#EXTINF:2.002,", 2001999999ull}, {"#EXTINF:10.5,", 10500000000ull},
-                    {"#EXTINF,", 0},                    {"#EXTINF:18446744073709551615,", UINT64_MAX}};
-    for (const Ns &c : ns_cases) {
-        M3UTSPlaylist playlist = M3U8Parser().parse("u", c.tag + "\na.ts\n");
-        ASSERT_EQ(playlist.items.size(), 1u) << c.tag;
-        EXPECT_EQ(playlist.items[0].durationNs, c.ns) << c.tag;
-    }
-}
-
-TEST(M3u8Parser, ReadsVariantAttributesWordByWord)
-{
-    struct Case {
-        std::string line;
-        uint64_t program, bandwidth;
-        std::string resolution, codec;
-        int32_t state;
-    } cases[] = {
-        {"#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH=1280000,RESOLUTION=1280x720", 1, 1280000, "1280x720", "", TagLine},
-        {"#EXT-X-STREAM-INF:BANDWIDTH=5,CODECS=\"avc1.4d401f,mp4a.40.2\"", 0, 5, "", "", TagLine},
-        {"#EXT-X-STREAM-INF:CODEC=\"avc1.4d401f\",BANDWIDTH=7", 0, 7, "", "\"avc1", TagLine},
-        {"#EXT-X-STREAM-INF:BANDWIDTH=5,AVERAGE-BANDWIDTH=4", 0, 4, "", "", TagLine},
-        {"#EXT-X-STREAM-INF:PROGRAM-BANDWIDTH=9", 0, 9, "", "", TagLine},
-        {"#EXT-X-STREAM-INF:BANDWIDTH=3,PROGRAM", 0, 3, "", "", TagLine},
-        {"#EXT-X-STREAM-INF:PROGRAM-ID", 0, 0, "", "", NoLine},     // value is the keyword ID
-        {"#EXT-X-STREAM-INF:RESOLUTION", 0, 0, "RESOLUTION", "", TagLine},
-        {"#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH", 1, 0, "", "", NoLine},
-    };
-    for (const Case &c : cases) {
-        M3U8Parser parser;
-        feed(parser, c.line);
-        EXPECT_EQ(parser.programId, c.program) << c.line;
-        EXPECT_EQ(parser.bandwidth, c.bandwidth) << c.line;
-        EXPECT_EQ(parser.resolution, c.resolution) << c.line;
-        EXPECT_EQ(parser.codec, c.codec) << c.line;
-        EXPECT_EQ(parser.state, c.state) << c.line;
-    }
-}
-
-TEST(M3u8Parser, WalksMediaPlaylistLineByLine)
-{
-    struct Row {
-        std::string line;
-        int32_t state, substate;
-    } rows[] = {
-        {"#EXTM3U", TagLine, OtherTag},      {"#EXT-X-VERSION:3", TagLine, OtherTag},
-        {"#EXT-X-TARGETDURATION:10", TagLine, OtherTag},
-        {"#EXT-X-MEDIA-SEQUENCE:7", TagLine, OtherTag},
-        {"#EXTINF:9.5,", TagLine, ExtInf},   {"seg7.ts", UriLine, OtherTag},
-        {"#EXTINF:10,", TagLine, ExtInf},    {"seg8.ts", UriLine, OtherTag},
-        {"#EXT-X-ENDLIST", TagLine, EndList},
-    };
-    M3U8Parser parser;
-    parser.initState();
-    for (const Row &r : rows) {
-        feed(parser, r.line);
-        EXPECT_EQ(parser.state, r.state) << r.line;
-        EXPECT_EQ(parser.substate, r.substate) << r.line;
-        if (r.line == "#EXTINF:9.5,") {
-            EXPECT_DOUBLE_EQ(parser.segmentDuration, 9.5);
-        }
-    }
-    EXPECT_EQ(parser.version, 3u);
-    EXPECT_EQ(parser.targetDuration, 10u);
-    EXPECT_EQ(parser.mediaSequence, 7u);
-    EXPECT_EQ(parser.uri, "seg8.ts");
-}
-
-TEST(M3u8Parser, AssemblesSegmentsWithSequenceAndTimes)
-{
-    const std::string text = "#EXTM3U\r\n#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:7\n#EXT-X-PLAYLIST-TYPE:VOD\n"
-                             "#EXTINF:10,\na.ts\n#EXTINF:10,\nb.ts\n#EXTINF:5.5,\nc.ts";
-    M3U8Parser parser;
-    M3UTSPlaylist playlist = parser.parse("http://h/p.m3u8", text);
-    const uint64_t s = 1000000000ull;
-    struct Want {
-        uint64_t sequence, start, end, duration;
-    } want[] = {{7, 0, 10 * s, 10 * s}, {8, 10 * s, 20 * s, 10 * s}, {9, 20 * s, 25 * s + s / 2, 5 * s + s / 2}};
-    ASSERT_EQ(playlist.items.size(), 3u);
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(playlist.items[i].sequence, want[i].sequence);
-        EXPECT_EQ(playlist.items[i].startNs, want[i].start);
-        EXPECT_EQ(playlist.items[i].endNs, want[i].end);
-        EXPECT_EQ(playlist.items[i].durationNs, want[i].duration);
-    }
-    EXPECT_EQ(uris(playlist), (std::vector<std::string>{"a.ts", "b.ts", "c.ts"}));
-    EXPECT_TRUE(playlist.valid); // live: no end-of-list tag, header filled at the end
-    EXPECT_EQ(playlist.totalDurationNs, 25 * s + s / 2);
-    EXPECT_EQ(playlist.targetDurationNs, 6 * s);
-    EXPECT_EQ(playlist.mediaSequence, 7u);
-    EXPECT_EQ(playlist.playlistType, "VOD");
-    EXPECT_EQ(playlist.url, "http://h/p.m3u8");
-
-    // A second parse on the same object starts its counters and the sequence
-    // again, but the version read before stays.
-    parser.version = 5;
-    M3UTSPlaylist again = parser.parse("u", "#EXTINF:1,\nx.ts\n");
-    ASSERT_EQ(again.items.size(), 1u);
-    EXPECT_EQ(again.items[0].sequence, 0u);
-    EXPECT_EQ(again.items[0].startNs, 0u);
-    EXPECT_EQ(parser.version, 5u);
-}
-
-TEST(M3u8Parser, KeepsOrDropsSegmentsAsTheLineStatesSay)
-{
-    struct Case {
-        const char *what;
-        std::string text;
-        bool valid;
-        std::vector<std::string> uris;
-        std::vector<uint64_t> sequences;
-    } cases[] = {
-        {"empty", "", false, {}, {}},
-        {"tags only", "#EXTM3U\n#EXT-X-VERSION:3\n", false, {}, {}},
-        {"end-of-list only", "#EXTM3U\n#EXT-X-ENDLIST\n", true, {}, {}},
-        {"blank before URI", "#EXTINF:1,\n\na.ts\n#EXTINF:1,\nb.ts", true, {"b.ts"}, {0}},
-        {"comment taken as URI", "#EXTINF:1,\n# note\na.ts\n", true, {"# note"}, {0}},
-        {"byte range between", "#EXTINF:1,\n#EXT-X-BYTERANGE:5@0\na.ts\n", false, {}, {}},
-        {"two untagged lines", "#EXTINF:1,\na.ts\nb.ts\n", true, {"a.ts"}, {0}},
-        {"unreadable seconds", "#EXT-X-MEDIA-SEQUENCE:4\n#EXTINF:x,\na.ts\n#EXTINF:1,\nb.ts", true, {"b.ts"}, {4}},
-        {"untagged after end", "#EXTINF:1,\na.ts\n#EXT-X-ENDLIST\nb.ts\n", true, {"a.ts"}, {0}},
-        {"CRLF endings", "#EXTINF:1,\r\na.ts\r\n", true, {"a.ts"}, {0}},
-    };
-    for (const Case &c : cases) {
-        M3UTSPlaylist playlist = M3U8Parser().parse("u", c.text);
-        EXPECT_EQ(playlist.valid, c.valid) << c.what;
-        EXPECT_EQ(uris(playlist), c.uris) << c.what;
-        for (size_t i = 0; i < c.sequences.size() && i < playlist.items.size(); ++i)
-            EXPECT_EQ(playlist.items[i].sequence, c.sequences[i]) << c.what;
-    }
-    // A tag that keeps the tag kind leaves the URI a URI, with no duration.
-    M3UTSPlaylist kept = M3U8Parser().parse("u", "#EXTINF:4,\n#EXT-X-VERSION:3\na.ts\n");
-    ASSERT_EQ(kept.items.size(), 1u);
-    EXPECT_EQ(kept.items[0].durationNs, 0u);
-    // Without an end-of-list tag and segments every header field stays initial.
-    M3UTSPlaylist bare = M3U8Parser().parse("u", "#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:3\n");
-    EXPECT_EQ(bare.targetDurationNs, 0u);
-    EXPECT_EQ(bare.mediaSequence, 0u);
+    EXPECT_EQ(parser.version, 3u); // not reset between parses
 }
 
 TEST(M3u8Parser, AssemblesVariantsAndLetsAttributesPersist)
 {
     const std::string text = "#EXTM3U\n#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH=800000,RESOLUTION=640x360\nlow.m3u8\n"
                              "#EXT-X-STREAM-INF:BANDWIDTH=1600000\nhigh.m3u8\n";
-    MasterM3UPlaylist master = M3U8Parser().parseMaster("http://h/m.m3u8", text);
+    M3U8Parser parser; // one for all: every parse starts afresh
+    MasterM3UPlaylist master = parser.parseMaster("http://h/m.m3u8", text);
     EXPECT_TRUE(master.valid);
     EXPECT_EQ(master.url, "http://h/m.m3u8");
-    ASSERT_EQ(master.playlists.size(), 2u);
-    EXPECT_EQ(master.playlists[0].uri, "low.m3u8");
-    EXPECT_EQ(master.playlists[1].uri, "high.m3u8");
-    EXPECT_EQ(master.playlists[0].bandwidth, 800000u);
-    EXPECT_EQ(master.playlists[1].bandwidth, 1600000u);
-    EXPECT_EQ(master.playlists[1].resolution, "640x360"); // inherited
-    EXPECT_EQ(master.playlists[1].programId, 1u);
-    EXPECT_EQ(master.playlists[0].index, 0u);
-    EXPECT_EQ(master.playlists[1].index, 1u);
+    Strings got;
+    for (const SecondM3UPlaylist &v : master.playlists)
+        got.push_back(v.uri + " " + std::to_string(v.index) + " " + std::to_string(v.programId) + " " +
+                      std::to_string(v.bandwidth) + " " + v.resolution);
+    EXPECT_EQ(got, (Strings{"low.m3u8 0 1 800000 640x360", "high.m3u8 1 1 1600000 640x360"})); // inherited
 
-    struct Case {
-        std::string text;
-        bool valid;
-        size_t variants;
-    } cases[] = {
+    struct Case { std::string text; bool valid; size_t variants; } cases[] = {
         {"#EXTM3U\n#EXT-X-ENDLIST\n", true, 0},
         {"#EXTINF:1,\na.ts\n", false, 0},
         {"#EXTINF:1,\na.ts\n#EXT-X-ENDLIST", true, 0},
@@ -369,7 +230,7 @@ TEST(M3u8Parser, AssemblesVariantsAndLetsAttributesPersist)
         {"#EXT-X-STREAM-INF:BANDWIDTH=1\nv.m3u8\n#EXTINF:1,\na.ts\n", true, 2},
     };
     for (const Case &c : cases) {
-        MasterM3UPlaylist m = M3U8Parser().parseMaster("u", c.text);
+        MasterM3UPlaylist m = parser.parseMaster("u", c.text);
         EXPECT_EQ(m.valid, c.valid) << c.text;
         EXPECT_EQ(m.playlists.size(), c.variants) << c.text;
     }

@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -17,17 +18,31 @@ struct Recorder {
 int32_t record(void *first, frame_info *info, uint8_t *data, void *user)
 {
     Recorder *r = static_cast<Recorder *>(user);
-    if (first != r->handle)
-        r->run->bad_first_argument = true;
-    CapturedFrame f;
-    f.info = *info;
+    r->run->bad_first_argument |= first != r->handle;
+    CapturedFrame f{*info, {}};
     uint32_t len = f.video() ? info->video.length : info->audio.length;
-    if (len == 0 || !data)
-        r->run->bad_length = true;
-    else
+    r->run->bad_length |= len == 0 || !data;
+    if (len && data)
         f.data.assign(reinterpret_cast<const char *>(data), len);
     r->run->frames.push_back(std::move(f));
     return 0;
+}
+
+std::vector<CapturedFrame> of_kind(const std::vector<CapturedFrame> &frames, bool video)
+{
+    std::vector<CapturedFrame> out;
+    for (const CapturedFrame &f : frames)
+        if (f.video() == video)
+            out.push_back(f);
+    return out;
+}
+
+std::string joined(const std::vector<CapturedFrame> &frames)
+{
+    std::string s;
+    for (const CapturedFrame &f : frames)
+        s += f.data;
+    return s;
 }
 
 } // namespace
@@ -37,65 +52,27 @@ bool CapturedFrame::operator==(const CapturedFrame &o) const
     return memcmp(&info, &o.info, sizeof info) == 0 && data == o.data;
 }
 
-std::vector<CapturedFrame> DemuxRun::video() const
-{
-    std::vector<CapturedFrame> out;
-    for (const CapturedFrame &f : frames)
-        if (f.video())
-            out.push_back(f);
-    return out;
-}
-
-std::vector<CapturedFrame> DemuxRun::audio() const
-{
-    std::vector<CapturedFrame> out;
-    for (const CapturedFrame &f : frames)
-        if (!f.video())
-            out.push_back(f);
-    return out;
-}
-
-std::string DemuxRun::video_bytes() const
-{
-    std::string s;
-    for (const CapturedFrame &f : frames)
-        if (f.video())
-            s += f.data;
-    return s;
-}
-
-std::string DemuxRun::audio_bytes() const
-{
-    std::string s;
-    for (const CapturedFrame &f : frames)
-        if (!f.video())
-            s += f.data;
-    return s;
-}
+std::vector<CapturedFrame> DemuxRun::video() const { return of_kind(frames, true); }
+std::vector<CapturedFrame> DemuxRun::audio() const { return of_kind(frames, false); }
+std::string DemuxRun::video_bytes() const { return joined(video()); }
+std::string DemuxRun::audio_bytes() const { return joined(audio()); }
 
 DemuxRun run_demux_cuts(bool flv, const std::string &bytes, const std::vector<size_t> &cuts)
 {
     DemuxRun run;
-    Recorder rec;
-    rec.run = &run;
+    Recorder rec{nullptr, &run};
     rec.handle = flv ? flv_demux_new(record, &rec) : ts_demux_new(record, &rec);
+    int32_t (*put)(void *, const uint8_t *, uint32_t) = flv ? flv_demux_put_data : ts_demux_put_data;
     size_t from = 0;
     std::vector<size_t> ends = cuts;
     ends.push_back(bytes.size());
     for (size_t end : ends) {
         if (end < from || end > bytes.size())
             continue;
-        const uint8_t *p = reinterpret_cast<const uint8_t *>(bytes.data()) + from;
-        if (flv)
-            flv_demux_put_data(rec.handle, p, (uint32_t)(end - from));
-        else
-            ts_demux_put_data(rec.handle, p, (uint32_t)(end - from));
+        put(rec.handle, reinterpret_cast<const uint8_t *>(bytes.data()) + from, (uint32_t)(end - from));
         from = end;
     }
-    if (flv)
-        flv_demux_free(rec.handle);
-    else
-        ts_demux_free(rec.handle);
+    (flv ? flv_demux_free : ts_demux_free)(rec.handle);
     return run;
 }
 
@@ -105,6 +82,18 @@ DemuxRun run_demux(bool flv, const std::string &bytes, size_t piece)
     for (size_t at = piece; piece && at < bytes.size(); at += piece)
         cuts.push_back(at);
     return run_demux_cuts(flv, bytes, cuts);
+}
+
+size_t intact_frames(const std::vector<CapturedFrame> &want, const std::vector<CapturedFrame> &got)
+{
+    size_t n = 0;
+    auto from = got.begin();
+    for (const CapturedFrame &f : want) {
+        auto found = std::find(from, got.end(), f);
+        if (found != got.end())
+            n++, from = found + 1;
+    }
+    return n;
 }
 
 std::string read_file(const std::string &path)

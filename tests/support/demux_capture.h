@@ -32,6 +32,10 @@ struct DemuxRun {
 DemuxRun run_demux(bool flv, const std::string &bytes, size_t piece = 0);
 DemuxRun run_demux_cuts(bool flv, const std::string &bytes, const std::vector<size_t> &cuts);
 
+// Frames of `want` found in `got` in the same order; lost or changed ones
+// are passed over.
+size_t intact_frames(const std::vector<CapturedFrame> &want, const std::vector<CapturedFrame> &got);
+
 std::string read_file(const std::string &path);
 // Value recorded for `key` in samples.txt under `root`; empty if absent.
 std::string sample_fact(const std::string &root, const std::string &key);
@@ -41,4 +45,13 @@ inline std::string sample_path(const std::string &name) { return std::string(HLS
 inline std::string read_sample(const std::string &name) { return read_file(sample_path(name)); }
 inline std::string fact(const std::string &key) { return sample_fact(std::string(HLS_SOURCE_DIR) + "/tests/data", key); }
 inline long fact_num(const std::string &key) { return std::stol("0" + fact(key)); }
+// An HLS variant's segments in order, then its first segment again: its video
+// PES packets are unbounded, so only the next unit start ends the last one.
+inline std::string read_hls_variant(const std::string &name)
+{
+    std::string s;
+    for (long i = 0; i < fact_num("hls/" + name + ".segments"); i++)
+        s += read_sample("hls/" + name + "/seg" + std::to_string(i) + ".ts");
+    return s + read_sample("hls/" + name + "/seg0.ts");
+}
 #endif
