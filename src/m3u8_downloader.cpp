@@ -22,6 +22,32 @@ int32_t check_ca_path_valid(const char *path, int32_t *is_dir)
     return 0;
 }
 
+int32_t hls_transfer_perform(CURL *curl, const char *url, const char *func)
+{
+    CURLcode ret = curl_easy_perform(curl);
+    if (ret != CURLE_OK) {
+        HLS_LOG_ERROR(func, "curl_easy_perform(%s) failed! ret:%d-%s\n", url, (int)ret, curl_easy_strerror(ret));
+        return 0;
+    }
+    /* A failed query leaves 404, which counts as a failed download. */
+    long status = 404;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    if (status == 200)
+        return 1;
+    HLS_LOG_ERROR(func, "curl_easy_getinfo(%s, CURLINFO_RESPONSE_CODE): %ld\n", url, status);
+    return 0;
+}
+
+int64_t hls_transfer_bytes(CURL *curl)
+{
+    if (!curl)
+        return -1;
+    curl_off_t bytes = 0;
+    if (curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &bytes) != CURLE_OK)
+        return -1;
+    return (int64_t)bytes;
+}
+
 void hls_https_apply(CURL *curl, const char *url, const char *ca_path)
 {
     if (strncmp(url, "https", 5) != 0)
@@ -132,31 +158,17 @@ int32_t m3u8_downloader_prepare(m3u8_downloader *handle, const hls_connect_param
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, record->buffer);
     hls_https_apply(curl, param->url, record->ca_path);
 
-    CURLcode ret = curl_easy_perform(curl);
-    if (ret != CURLE_OK) {
-        HLS_LOG_ERROR("m3u8_downloader_prepare", "curl_easy_perform(%s) failed! ret:%d-%s\n", param->url, (int)ret,
-                      curl_easy_strerror(ret));
-        release_curl(record);
-        return 0;
-    }
-    long status = 404;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-    if (status == 200)
+    if (hls_transfer_perform(curl, param->url, "m3u8_downloader_prepare"))
         return 1;
-    HLS_LOG_ERROR("m3u8_downloader_prepare", "curl_easy_getinfo(%s, CURLINFO_RESPONSE_CODE): %ld\n", param->url,
-                  status);
     release_curl(record);
     return 0;
 }
 
 int64_t m3u8_downloader_get_download_bytes(m3u8_downloader *handle)
 {
-    if (!handle || !handle->record || !handle->record->curl)
+    if (!handle || !handle->record)
         return -1;
-    curl_off_t bytes = 0;
-    if (curl_easy_getinfo(handle->record->curl, CURLINFO_SIZE_DOWNLOAD_T, &bytes) != CURLE_OK)
-        return -1;
-    return (int64_t)bytes;
+    return hls_transfer_bytes(handle->record->curl);
 }
 
 hls_buffer *m3u8_downloader_get_buffer(m3u8_downloader *handle)

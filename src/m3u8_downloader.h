@@ -31,6 +31,15 @@ void hls_https_apply(CURL *curl, const char *url, const char *ca_path);
  * only, anything else either family. */
 long hls_ip_resolve_option(int32_t ip_resolve);
 
+/* Runs the transfer prepared on `curl` and checks its final status: 1 when it
+ * completed with status 200; otherwise writes the failure under the name of
+ * the downloader `func` and returns 0 (the caller then drops the handle). */
+int32_t hls_transfer_perform(CURL *curl, const char *url, const char *func);
+
+/* Body bytes of the last transfer on `curl`; -1 without a handle or when
+ * libcurl cannot tell. */
+int64_t hls_transfer_bytes(CURL *curl);
+
 m3u8_downloader *m3u8_downloader_new(const char *ca_path);
 /* 1 when the transfer completed with final status 200; 0 on any failure. */
 int32_t m3u8_downloader_prepare(m3u8_downloader *handle, const hls_connect_param *param);

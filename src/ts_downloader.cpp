@@ -92,31 +92,17 @@ int32_t ts_downloader_prepare(ts_downloader *handle, const hls_connect_param *pa
     curl_easy_setopt(curl, CURLOPT_MAX_RECV_SPEED_LARGE, max_recv);
     hls_https_apply(curl, param->url, record->ca_path);
 
-    CURLcode ret = curl_easy_perform(curl);
-    if (ret != CURLE_OK) {
-        HLS_LOG_ERROR("ts_downloader_prepare", "curl_easy_perform(%s) failed! ret:%d-%s\n", param->url, (int)ret,
-                      curl_easy_strerror(ret));
-        release_curl(record);
-        return 0;
-    }
-    long status = 404;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-    if (status == 200)
+    if (hls_transfer_perform(curl, param->url, "ts_downloader_prepare"))
         return 1;
-    HLS_LOG_ERROR("ts_downloader_prepare", "curl_easy_getinfo(%s, CURLINFO_RESPONSE_CODE): %ld\n", param->url,
-                  status);
     release_curl(record);
     return 0;
 }
 
 int64_t ts_downloader_get_download_bytes(ts_downloader *handle)
 {
-    if (!handle || !handle->record || !handle->record->curl)
+    if (!handle || !handle->record)
         return -1;
-    curl_off_t bytes = 0;
-    if (curl_easy_getinfo(handle->record->curl, CURLINFO_SIZE_DOWNLOAD_T, &bytes) != CURLE_OK)
-        return -1;
-    return (int64_t)bytes;
+    return hls_transfer_bytes(handle->record->curl);
 }
 
 int32_t ts_downloader_done(ts_downloader *handle)
