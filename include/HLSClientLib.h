@@ -6,6 +6,14 @@
 
 #include <stdint.h>
 
+/* Version of this header and of the library built from it. A host built
+ * against major version N runs with any library of major version N whose
+ * minor version is at least the one it was built with. */
+#define HLSCLIENT_VERSION_MAJOR 1
+#define HLSCLIENT_VERSION_MINOR 0
+#define HLSCLIENT_VERSION_PATCH 0
+#define HLSCLIENT_VERSION_STRING "1.0.0"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
