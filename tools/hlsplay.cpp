@@ -156,7 +156,7 @@ void usage(FILE *out)
                "  --dump DIR           write DIR/chN.video and DIR/chN.audio: the frame bytes of each kind\n"
                "  --json               print a JSON summary on standard output at exit\n"
                "  --quiet              no status display or log lines\n"
-               "  --version            print the library version\n"
+               "  --version            print the version\n"
                "  --help               this text\n"
                "exit status: 0 every channel started, 1 none did or a set-up step failed,\n"
                "             2 bad command line, 3 some channels never started\n",
