@@ -1,6 +1,6 @@
 /* Playlist module: the line-by-line M3U8 parser and its records, segment URI
  * resolution, and the playlist client with its fragment list. */
-#include "hls_m3u8.h"
+#include "hls_m3u8_int.h"
 
 #include <assert.h>
 #include <math.h>
