@@ -117,6 +117,12 @@ public:
 /* Resolves a segment URI against its playlist's URL; empty on failure. */
 std::string get_absolute_path(std::string base, std::string relative);
 
+/* Joins a variant URI to the request URL in place (url holds 512 characters).
+ * An URI starting "http" replaces the URL; any other is put after the URL's
+ * last "/". The result is cut to 511 characters. Returns 0, URL unchanged,
+ * when a join is needed and the URL has no "/". */
+extern "C" int32_t hls_variant_url(char *url, const char *uri);
+
 /* The playlist client object; its class is private to the client's own
  * source (hls_m3u8_int.h). */
 class M3U8ClientImpl;
@@ -180,6 +186,12 @@ int32_t m3u8_client_pop_front_fragment(m3u8_client *client, uint64_t sequence_no
  * most one fragment or one second of fragments is pending; 0 otherwise. Then
  * trims the list from the front to max_fragment_count plus the pending. */
 int32_t m3u8_client_is_time_to_refresh_playlist(m3u8_client *client);
+/* Results of the two playlist loaders below. */
+enum {
+    M3U8_LOAD_OK = 0,
+    M3U8_LOAD_NOT_PLAYLIST = 1,
+    M3U8_LOAD_NO_MEMORY = 2,
+};
 /* Loads the text in `buffer`, fetched from `url`, as a master playlist or, if
  * it is none, as a media playlist merged into the fragment list. 0 accepted
  * (*is_master 1 or 0), 1 not a playlist, 2 no memory for the copy. */
