@@ -114,28 +114,50 @@ void http_demux_free(http_demux *record)
     delete record;
 }
 
+/* Both direct holders are one field, the host demultiplexer handle; the
+ * holder calls of either kind go through these, named by that field. */
+template <typename Holder>
+static void free_direct_holder(void *arg, void *Holder::*field, void (*demux_free)(void *))
+{
+    Holder *holder = (Holder *)arg;
+    if (holder == NULL)
+        return;
+    if (holder->*field != NULL) {
+        demux_free(holder->*field);
+        holder->*field = NULL;
+    }
+    free(holder);
+}
+
+template <typename Holder>
+static int32_t attach_direct_holder(http_demux *record, const char *func, void *Holder::*field,
+                                    void *(*demux_new)(demux_frame_cb, void *), const char *demux_new_name,
+                                    void (*holder_free)(void *))
+{
+    Holder *holder = (Holder *)malloc(sizeof(*holder));
+    if (holder == NULL) {
+        HLS_LOG_ERROR(func, "malloc(%d) failed!\n", (int)sizeof(*holder));
+        return -1;
+    }
+    holder->*field = demux_new(http_frame_forward, record);
+    if (holder->*field == NULL) {
+        HLS_LOG_ERROR(func, "%s failed!\n", demux_new_name);
+        holder_free(holder);
+        return -1;
+    }
+    record->demux = holder;
+    record->demux_free = holder_free;
+    return 0;
+}
+
 void http_ts_demux_free(void *holder)
 {
-    http_ts_demux *ts = (http_ts_demux *)holder;
-    if (ts == NULL)
-        return;
-    if (ts->ts_demux != NULL) {
-        ts_demux_free(ts->ts_demux);
-        ts->ts_demux = NULL;
-    }
-    free(ts);
+    free_direct_holder(holder, &http_ts_demux::ts_demux, ts_demux_free);
 }
 
 void http_flv_demux_free(void *holder)
 {
-    http_flv_demux *flv = (http_flv_demux *)holder;
-    if (flv == NULL)
-        return;
-    if (flv->flv_demux != NULL) {
-        flv_demux_free(flv->flv_demux);
-        flv->flv_demux = NULL;
-    }
-    free(flv);
+    free_direct_holder(holder, &http_flv_demux::flv_demux, flv_demux_free);
 }
 
 void *download_routine(void *arg)
@@ -291,38 +313,14 @@ size_t protocol_writer(char *ptr, size_t size, size_t nmemb, void *arg)
 
 int32_t http_ts_demux_new(http_demux *record)
 {
-    http_ts_demux *holder = (http_ts_demux *)malloc(sizeof(*holder));
-    if (holder == NULL) {
-        HLS_LOG_ERROR("http_ts_demux_new", "malloc(%d) failed!\n", (int)sizeof(*holder));
-        return -1;
-    }
-    holder->ts_demux = ts_demux_new(http_frame_forward, record);
-    if (holder->ts_demux == NULL) {
-        HLS_LOG_ERROR("http_ts_demux_new", "ts_demux_new failed!\n");
-        http_ts_demux_free(holder);
-        return -1;
-    }
-    record->demux = holder;
-    record->demux_free = http_ts_demux_free;
-    return 0;
+    return attach_direct_holder(record, "http_ts_demux_new", &http_ts_demux::ts_demux, ts_demux_new, "ts_demux_new",
+                                http_ts_demux_free);
 }
 
 int32_t http_flv_demux_new(http_demux *record)
 {
-    http_flv_demux *holder = (http_flv_demux *)malloc(sizeof(*holder));
-    if (holder == NULL) {
-        HLS_LOG_ERROR("http_flv_demux_new", "malloc(%d) failed!\n", (int)sizeof(*holder));
-        return -1;
-    }
-    holder->flv_demux = flv_demux_new(http_frame_forward, record);
-    if (holder->flv_demux == NULL) {
-        HLS_LOG_ERROR("http_flv_demux_new", "flv_demux_new failed!\n");
-        http_flv_demux_free(holder);
-        return -1;
-    }
-    record->demux = holder;
-    record->demux_free = http_flv_demux_free;
-    return 0;
+    return attach_direct_holder(record, "http_flv_demux_new", &http_flv_demux::flv_demux, flv_demux_new,
+                                "flv_demux_new", http_flv_demux_free);
 }
 
 int32_t http_frame_forward(void *first, frame_info *info, uint8_t *data, void *user)

@@ -66,6 +66,15 @@ int32_t hls_transfer_perform(CURL *curl, hls_transfer_status *status)
     return status->response == 200;
 }
 
+int32_t hls_transfer_run(CURL **curl, const char *url, const char *ca_path, hls_transfer_status *status)
+{
+    hls_https_apply(*curl, url, ca_path);
+    if (hls_transfer_perform(*curl, status))
+        return 1;
+    hls_transfer_release(curl);
+    return 0;
+}
+
 int64_t hls_transfer_bytes(CURL *curl)
 {
     if (!curl)

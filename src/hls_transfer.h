@@ -49,6 +49,13 @@ typedef struct hls_transfer_status {
  * otherwise 0, with *status saying why (see HLS_TRANSFER_LOG_FAILURE). */
 int32_t hls_transfer_perform(CURL *curl, hls_transfer_status *status);
 
+/* The last steps of a downloader's transfer prepared in *curl: applies the
+ * certificate rule for `url` and `ca_path`, runs the transfer and checks it
+ * (hls_transfer_perform). On failure the easy handle is released, with any
+ * connection it holds, so that the next transfer starts afresh; the caller
+ * then reports *status. 1 or 0 like hls_transfer_perform. */
+int32_t hls_transfer_run(CURL **curl, const char *url, const char *ca_path, hls_transfer_status *status);
+
 /* Body bytes of the last transfer on `curl`; -1 without a handle or when
  * libcurl cannot tell. */
 int64_t hls_transfer_bytes(CURL *curl);

@@ -85,15 +85,11 @@ int32_t m3u8_downloader_prepare(m3u8_downloader *handle, const hls_connect_param
     hls_transfer_setup(curl, param, m3u8_downloader_write, record->buffer);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, (long)param->timeout);
     curl_easy_setopt(curl, CURLOPT_IPRESOLVE, hls_ip_resolve_option(param->ip_resolve));
-    hls_https_apply(curl, param->url, record->ca_path);
 
     hls_transfer_status status;
-    if (hls_transfer_perform(curl, &status))
+    if (hls_transfer_run(&record->curl, param->url, record->ca_path, &status))
         return 1;
     HLS_TRANSFER_LOG_FAILURE("m3u8_downloader_prepare", param->url, status);
-    /* The easy handle goes, with any connection it holds, so that the next
-     * transfer starts afresh. */
-    hls_transfer_release(&record->curl);
     return 0;
 }
 

@@ -74,13 +74,11 @@ int32_t ts_downloader_prepare(ts_downloader *handle, const hls_connect_param *pa
     hls_transfer_setup(curl, param, ts_downloader_write, record);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, (long)timeout_ms);
     curl_easy_setopt(curl, CURLOPT_MAX_RECV_SPEED_LARGE, max_recv);
-    hls_https_apply(curl, param->url, record->ca_path);
 
     hls_transfer_status status;
-    if (hls_transfer_perform(curl, &status))
+    if (hls_transfer_run(&record->curl, param->url, record->ca_path, &status))
         return 1;
     HLS_TRANSFER_LOG_FAILURE("ts_downloader_prepare", param->url, status);
-    hls_transfer_release(&record->curl);
     return 0;
 }
 
