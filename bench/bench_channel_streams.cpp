@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "HLSClientLib.h"
+#include "bench_support.h"
 #include "counting_demux.h"
 #include "hls_demux.h"
 #include "hls_demux_stream.h"
@@ -94,27 +95,6 @@ struct TsServer {
     }
 };
 
-hls_connect_param param_for(const std::string &url)
-{
-    hls_connect_param param;
-    memset(&param, 0, sizeof(param));
-    snprintf(param.url, sizeof(param.url), "%s", url.c_str());
-    param.connect_timeout = 5;
-    param.timeout = 5;
-    return param;
-}
-
-bool wait_until(const std::function<bool()> &pred)
-{
-    auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (!pred()) {
-        if (Clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
-
 // Whole stream (256 MiB) from connect to the last byte in the demultiplexer.
 void BM_DirectTsThroughput(benchmark::State &state)
 {
@@ -123,12 +103,10 @@ void BM_DirectTsThroughput(benchmark::State &state)
     hls_client_init(1, on_frame, on_status, nullptr);
     hls_connect_param param = param_for(server.local.url("/ts"));
     for (auto _ : state) {
-        g_counted_bytes = 0;
-        auto start = Clock::now();
-        hls_client_connect(0, &param);
-        if (!wait_until([&] { return g_counted_bytes.load() >= total; }))
+        double took;
+        if (!connect_until(param, [&] { return g_counted_bytes.load() >= total; }, &took))
             state.SkipWithError("stream did not arrive");
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(took);
         hls_client_disconnect(0);
     }
     state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)total);
@@ -144,12 +122,10 @@ void BM_ConnectToFirstByte(benchmark::State &state)
     hls_client_init(1, on_frame, on_status, nullptr);
     hls_connect_param param = param_for(server.local.url("/ts"));
     for (auto _ : state) {
-        g_counted_bytes = 0;
-        auto start = Clock::now();
-        hls_client_connect(0, &param);
-        if (!wait_until([] { return g_counted_bytes.load() > 0; }))
+        double took;
+        if (!connect_until(param, [] { return g_counted_bytes.load() > 0; }, &took))
             state.SkipWithError("no bytes arrived");
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(took);
         hls_client_disconnect(0);
     }
     hls_client_destroy();

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "HLSClientLib.h"
+#include "bench_support.h"
 #include "counting_demux.h"
 #include "local_server.h"
 
@@ -26,27 +27,6 @@ constexpr size_t kTsBody = size_t(256) << 20;
 
 int32_t ignore_frame(int32_t, frame_info *, uint8_t *) { return 0; }
 void ignore_status(int32_t, int32_t) {}
-
-hls_connect_param param_for(const std::string &url)
-{
-    hls_connect_param p;
-    memset(&p, 0, sizeof(p));
-    snprintf(p.url, sizeof(p.url), "%s", url.c_str());
-    p.connect_timeout = 5;
-    p.timeout = 5;
-    return p;
-}
-
-bool wait_until(const std::function<bool()> &pred)
-{
-    auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (!pred()) {
-        if (Clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
 
 // One server for the run. /ts: kTsBody bytes of whole transport packets from
 // one shared block. /hold.m3u8 lists one segment whose body sends 100 packets
@@ -95,12 +75,10 @@ void BM_DirectTsLibrary(benchmark::State &state)
     hls_client_init(1, ignore_frame, ignore_status, nullptr);
     hls_connect_param param = param_for(server().url("/ts"));
     for (auto _ : state) {
-        g_counted_bytes = 0;
-        auto start = Clock::now();
-        hls_client_connect(0, &param);
-        if (!wait_until([] { return g_counted_bytes.load() >= kTsBody; }))
+        double took;
+        if (!connect_until(param, [] { return g_counted_bytes.load() >= kTsBody; }, &took))
             state.SkipWithError("stream did not arrive");
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(took);
         hls_client_disconnect(0);
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kTsBody));
@@ -136,9 +114,8 @@ void BM_DisconnectDuringSegmentDownload(benchmark::State &state)
     hls_client_init(1, ignore_frame, ignore_status, nullptr);
     hls_connect_param param = param_for(server().url("/hold.m3u8"));
     for (auto _ : state) {
-        g_counted_bytes = 0;
-        hls_client_connect(0, &param);
-        if (!wait_until([] { return g_counted_bytes.load() > 0; }))
+        double took;
+        if (!connect_until(param, [] { return g_counted_bytes.load() > 0; }, &took))
             state.SkipWithError("segment did not start");
         std::this_thread::sleep_for(std::chrono::milliseconds(200)); // inside the held transfer
         auto start = Clock::now();

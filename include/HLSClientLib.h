@@ -139,6 +139,15 @@ typedef char hls_frame_info_is_five_words[sizeof(frame_info) == 20 ? 1 : -1];
 typedef int32_t (*hls_frame_cb)(int32_t channel, frame_info *info, uint8_t *data);
 typedef void (*hls_status_cb)(int32_t channel, int32_t status);
 
+/* Results of the calls below; the numbers are part of the contract. */
+#define HLS_OK 0
+#define HLS_ERR_HTTP_INIT (-1)        /* libcurl's global set-up failed */
+#define HLS_ERR_BAD_ARGUMENT (-2)
+#define HLS_ERR_NOT_INITIALISED (-3)
+#define HLS_ERR_CHANNEL_BUSY (-5)     /* the channel is already connected */
+#define HLS_ERR_NO_STREAM (-6)        /* the channel's stream could not be created */
+#define HLS_ERR_NO_MEMORY (-15)
+
 /* 0; -2 bad argument; -1 libcurl's global set-up failed; -15 no memory. */
 int32_t hls_client_init(int32_t max_channels, hls_frame_cb frame_cb, hls_status_cb status_cb,
                         const char *ca_path);

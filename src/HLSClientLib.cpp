@@ -26,16 +26,16 @@ int32_t hls_client_init(int32_t max_channels, hls_frame_cb frame_cb, hls_status_
                         const char *ca_path)
 {
     if (max_channels < 1 || frame_cb == NULL || status_cb == NULL)
-        return -2;
+        return HLS_ERR_BAD_ARGUMENT;
     /* A second set-up without a tear-down would orphan the open channels, the
      * table and the CA path copy; it is refused and changes nothing. */
     if (g_frame_cb != NULL)
-        return -2;
+        return HLS_ERR_BAD_ARGUMENT;
 
     CURLcode code = curl_global_init(CURL_GLOBAL_ALL);
     if (code != CURLE_OK) {
         HLS_LOG_ERROR("hls_client_init", "curl_global_init() failed: %s\n", curl_easy_strerror(code));
-        return -1;
+        return HLS_ERR_HTTP_INIT;
     }
     g_curl_ready = 1;
 
@@ -46,7 +46,7 @@ int32_t hls_client_init(int32_t max_channels, hls_frame_cb frame_cb, hls_status_
     g_ca_path = ca_path != NULL ? strdup(ca_path) : NULL;
 
     int32_t result = hls_init_all_channel(max_channels);
-    g_have_table = result == 0;
+    g_have_table = result == HLS_OK;
     return result;
 }
 
@@ -63,7 +63,7 @@ int32_t hls_client_destroy(void)
     }
     free(g_ca_path);
     g_ca_path = NULL;
-    return 0;
+    return HLS_OK;
 }
 
 int32_t hls_client_connect(int32_t channel, const hls_connect_param *param)
@@ -71,25 +71,25 @@ int32_t hls_client_connect(int32_t channel, const hls_connect_param *param)
     /* Without a table there is no slot to touch: the host's remedy is
      * hls_client_destroy, so the library answers as if not initialised. */
     if (g_frame_cb == NULL || !g_have_table)
-        return -3;
+        return HLS_ERR_NOT_INITIALISED;
     if (channel < 0)
-        return -2;
+        return HLS_ERR_BAD_ARGUMENT;
     if (param == NULL || channel >= g_max_channels)
-        return -2;
+        return HLS_ERR_BAD_ARGUMENT;
     /* The URL must end inside its 512 characters and must not be empty. */
     const char *end = (const char *)memchr(param->url, '\0', sizeof(param->url));
     if (end == NULL || end == param->url)
-        return -2;
+        return HLS_ERR_BAD_ARGUMENT;
     if (param->connect_timeout < 1 || param->connect_timeout > 30)
-        return -2;
+        return HLS_ERR_BAD_ARGUMENT;
     return hls_append_new_channel(channel, param, g_ca_path, g_frame_cb, g_status_cb);
 }
 
 int32_t hls_client_disconnect(int32_t channel)
 {
     if (g_frame_cb == NULL || !g_have_table)
-        return -3;
+        return HLS_ERR_NOT_INITIALISED;
     if (channel < 0 || channel >= g_max_channels)
-        return -2;
+        return HLS_ERR_BAD_ARGUMENT;
     return hls_remove_old_channel(channel);
 }

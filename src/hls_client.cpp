@@ -48,11 +48,11 @@ int32_t hls_init_all_channel(int32_t count)
     if (slots == NULL) {
         HLS_LOG_ERROR("hls_init_all_channel", "out of memory\n");
         pthread_mutex_unlock(&channel_lock);
-        return -15;
+        return HLS_ERR_NO_MEMORY;
     }
     channels = slots;
     pthread_mutex_unlock(&channel_lock);
-    return 0;
+    return HLS_OK;
 }
 
 int32_t hls_uninit_all_channel(void)
@@ -67,7 +67,7 @@ int32_t hls_uninit_all_channel(void)
         channel_count = 0;
     }
     pthread_mutex_unlock(&channel_lock);
-    return 0;
+    return HLS_OK;
 }
 
 int32_t hls_append_new_channel(int32_t channel, const hls_connect_param *param, const char *ca_path,
@@ -78,21 +78,21 @@ int32_t hls_append_new_channel(int32_t channel, const hls_connect_param *param, 
      * count; this guards the table against direct callers and a missing table. */
     if (!slot_valid(channel) || param == NULL) {
         pthread_mutex_unlock(&channel_lock);
-        return -2;
+        return HLS_ERR_BAD_ARGUMENT;
     }
     /* An ended stream keeps its slot until the host disconnects it. */
     if (channels[channel] != NULL) {
         pthread_mutex_unlock(&channel_lock);
-        return -5;
+        return HLS_ERR_CHANNEL_BUSY;
     }
     http_demux *record = http_demux_new(channel, param, ca_path, frame_cb, status_cb);
     if (record == NULL) {
         pthread_mutex_unlock(&channel_lock);
-        return -6;
+        return HLS_ERR_NO_STREAM;
     }
     channels[channel] = record;
     pthread_mutex_unlock(&channel_lock);
-    return 0;
+    return HLS_OK;
 }
 
 int32_t hls_remove_old_channel(int32_t channel)
@@ -101,5 +101,5 @@ int32_t hls_remove_old_channel(int32_t channel)
     if (slot_valid(channel) && channels[channel] != NULL)
         close_slot(channel);
     pthread_mutex_unlock(&channel_lock);
-    return 0;
+    return HLS_OK;
 }

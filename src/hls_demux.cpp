@@ -13,6 +13,10 @@
 #include "hls_demux_stream.h"
 #include "hls_host_demux.h"
 #include "hls_log.h"
+#include "hls_m3u8.h"
+#include "hls_transfer.h"
+#include "m3u8_downloader.h"
+#include "ts_downloader.h"
 
 /* ======================================================================
  * Channel stream record, download thread, probe and direct TS/FLV paths.
@@ -36,13 +40,14 @@ enum {
 static const char M3U8_MARKER[] = "#EXTM3U";
 static const size_t M3U8_MARKER_LEN = sizeof(M3U8_MARKER) - 1;
 
-static long ip_resolve_option(int32_t ip_resolve)
+/* The probe's and the direct paths' common options beyond the shared base:
+ * either address family as the channel asks, and a transfer stalled below
+ * 1 byte/s for 5 seconds is broken off. */
+static void stall_limit_setup(CURL *curl, const hls_connect_param *param)
 {
-    if (ip_resolve == 1)
-        return CURL_IPRESOLVE_V4;
-    if (ip_resolve == 2)
-        return CURL_IPRESOLVE_V6;
-    return CURL_IPRESOLVE_WHATEVER;
+    curl_easy_setopt(curl, CURLOPT_IPRESOLVE, hls_ip_resolve_option(param->ip_resolve));
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 5L);
 }
 
 /* Sleeps one 5-second pause in 10 ms slices. Returns 0 when the channel was
@@ -109,28 +114,50 @@ void http_demux_free(http_demux *record)
     delete record;
 }
 
+/* Both direct holders are one field, the host demultiplexer handle; the
+ * holder calls of either kind go through these, named by that field. */
+template <typename Holder>
+static void free_direct_holder(void *arg, void *Holder::*field, void (*demux_free)(void *))
+{
+    Holder *holder = (Holder *)arg;
+    if (holder == NULL)
+        return;
+    if (holder->*field != NULL) {
+        demux_free(holder->*field);
+        holder->*field = NULL;
+    }
+    free(holder);
+}
+
+template <typename Holder>
+static int32_t attach_direct_holder(http_demux *record, const char *func, void *Holder::*field,
+                                    void *(*demux_new)(demux_frame_cb, void *), const char *demux_new_name,
+                                    void (*holder_free)(void *))
+{
+    Holder *holder = (Holder *)malloc(sizeof(*holder));
+    if (holder == NULL) {
+        HLS_LOG_ERROR(func, "malloc(%d) failed!\n", (int)sizeof(*holder));
+        return -1;
+    }
+    holder->*field = demux_new(http_frame_forward, record);
+    if (holder->*field == NULL) {
+        HLS_LOG_ERROR(func, "%s failed!\n", demux_new_name);
+        holder_free(holder);
+        return -1;
+    }
+    record->demux = holder;
+    record->demux_free = holder_free;
+    return 0;
+}
+
 void http_ts_demux_free(void *holder)
 {
-    http_ts_demux *ts = (http_ts_demux *)holder;
-    if (ts == NULL)
-        return;
-    if (ts->ts_demux != NULL) {
-        ts_demux_free(ts->ts_demux);
-        ts->ts_demux = NULL;
-    }
-    free(ts);
+    free_direct_holder(holder, &http_ts_demux::ts_demux, ts_demux_free);
 }
 
 void http_flv_demux_free(void *holder)
 {
-    http_flv_demux *flv = (http_flv_demux *)holder;
-    if (flv == NULL)
-        return;
-    if (flv->flv_demux != NULL) {
-        flv_demux_free(flv->flv_demux);
-        flv->flv_demux = NULL;
-    }
-    free(flv);
+    free_direct_holder(holder, &http_flv_demux::flv_demux, flv_demux_free);
 }
 
 void *download_routine(void *arg)
@@ -205,17 +232,9 @@ int32_t get_url_actual_protocol(http_demux *record, probe_result *probe)
     probe->size = 0;
 
     const hls_connect_param *param = &record->param;
-    curl_easy_setopt(curl, CURLOPT_URL, param->url);
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, (long)param->connect_timeout);
+    hls_transfer_setup(curl, param, protocol_writer, probe);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, (long)param->connect_timeout + 5);
-    curl_easy_setopt(curl, CURLOPT_IPRESOLVE, ip_resolve_option(param->ip_resolve));
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 5L);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, protocol_writer);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, probe);
-    curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
+    stall_limit_setup(curl, param);
     hls_https_apply(curl, param->url, record->ca_path);
 
     CURLcode code = curl_easy_perform(curl);
@@ -294,38 +313,14 @@ size_t protocol_writer(char *ptr, size_t size, size_t nmemb, void *arg)
 
 int32_t http_ts_demux_new(http_demux *record)
 {
-    http_ts_demux *holder = (http_ts_demux *)malloc(sizeof(*holder));
-    if (holder == NULL) {
-        HLS_LOG_ERROR("http_ts_demux_new", "malloc(%d) failed!\n", (int)sizeof(*holder));
-        return -1;
-    }
-    holder->ts_demux = ts_demux_new(http_frame_forward, record);
-    if (holder->ts_demux == NULL) {
-        HLS_LOG_ERROR("http_ts_demux_new", "ts_demux_new failed!\n");
-        http_ts_demux_free(holder);
-        return -1;
-    }
-    record->demux = holder;
-    record->demux_free = http_ts_demux_free;
-    return 0;
+    return attach_direct_holder(record, "http_ts_demux_new", &http_ts_demux::ts_demux, ts_demux_new, "ts_demux_new",
+                                http_ts_demux_free);
 }
 
 int32_t http_flv_demux_new(http_demux *record)
 {
-    http_flv_demux *holder = (http_flv_demux *)malloc(sizeof(*holder));
-    if (holder == NULL) {
-        HLS_LOG_ERROR("http_flv_demux_new", "malloc(%d) failed!\n", (int)sizeof(*holder));
-        return -1;
-    }
-    holder->flv_demux = flv_demux_new(http_frame_forward, record);
-    if (holder->flv_demux == NULL) {
-        HLS_LOG_ERROR("http_flv_demux_new", "flv_demux_new failed!\n");
-        http_flv_demux_free(holder);
-        return -1;
-    }
-    record->demux = holder;
-    record->demux_free = http_flv_demux_free;
-    return 0;
+    return attach_direct_holder(record, "http_flv_demux_new", &http_flv_demux::flv_demux, flv_demux_new,
+                                "flv_demux_new", http_flv_demux_free);
 }
 
 int32_t http_frame_forward(void *first, frame_info *info, uint8_t *data, void *user)
@@ -387,16 +382,8 @@ static void download_direct(http_demux *record, const direct_path *path)
     while (record->running != 0) {
         /* No overall time limit: the transfer lasts as long as the server
          * sends, and only a stall below 1 byte/s for 5 seconds breaks it. */
-        curl_easy_setopt(curl, CURLOPT_URL, param->url);
-        curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, (long)param->connect_timeout);
-        curl_easy_setopt(curl, CURLOPT_IPRESOLVE, ip_resolve_option(param->ip_resolve));
-        curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-        curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 5L);
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, path->write);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, record);
-        curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
+        hls_transfer_setup(curl, param, path->write, record);
+        stall_limit_setup(curl, param);
         hls_https_apply(curl, param->url, record->ca_path);
 
         CURLcode code = curl_easy_perform(curl);
@@ -451,6 +438,10 @@ uint32_t hls_monotonic_ms(void)
 uint32_t (*hls_monotonic_ms_fn)(void) = hls_monotonic_ms;
 void (*hls_set_cap_fn)(ts_downloader *handle, uint64_t bps) = ts_downloader_set_bandwidth_bps;
 
+/* A segment counts as early while the loop is more than this far ahead of
+ * its slot. */
+static const uint32_t HLS_EARLY_MARGIN_MS = 20u;
+
 /* Both comparisons are plain wrapping 32-bit arithmetic on purpose: that is
  * how the pacing rules are defined. Once every 49.7 days, when the clock
  * wraps, they can misjudge the one segment whose slot spans the wrap. */
@@ -461,7 +452,7 @@ int32_t hls_segment_is_late(uint32_t last_ms, uint32_t duration_ms, uint32_t now
 
 int32_t hls_segment_is_early(uint32_t last_ms, uint32_t duration_ms, uint32_t now_ms)
 {
-    return (uint32_t)(now_ms + 20u - last_ms) < duration_ms ? 1 : 0;
+    return (uint32_t)(now_ms + HLS_EARLY_MARGIN_MS - last_ms) < duration_ms ? 1 : 0;
 }
 
 uint64_t hls_first_cap_bps(int64_t bytes, uint64_t duration_ns)
@@ -475,32 +466,6 @@ uint64_t hls_first_cap_bps(int64_t bytes, uint64_t duration_ns)
 uint64_t hls_late_cap_bps(uint64_t cap)
 {
     return 5u * cap / 4u;
-}
-
-int32_t hls_variant_url(char *url, const char *uri)
-{
-    if (strncmp(uri, "http", 4) == 0) {
-        strncpy(url, uri, 511);
-        url[511] = '\0';
-        return 1;
-    }
-    char scratch[512];
-    memset(scratch, 0, sizeof(scratch));
-    memcpy(scratch, url, strnlen(url, 511));
-    char *slash = strrchr(scratch, '/');
-    if (!slash)
-        return 0;
-    /* The URI replaces everything after the last "/" (a query part included)
-     * and is appended as it stands. A join that would pass 511 characters is
-     * cut there, like every other URL the loop builds: the fetch of the cut
-     * URL then fails and is retried, rather than writing past the field. */
-    size_t at = (size_t)(slash - scratch) + 1;
-    size_t room = 511 - at;
-    size_t len = strnlen(uri, room);
-    memcpy(scratch + at, uri, len);
-    memset(scratch + at + len, 0, sizeof(scratch) - at - len);
-    memcpy(url, scratch, sizeof(scratch));
-    return 1;
 }
 
 int32_t hls_frame_rate_of(int32_t rate, const frame_info *info)
@@ -713,15 +678,15 @@ int32_t parse_master_m3u8(http_demux *hd, hls_connect_param *req, int32_t *is_ma
 
     int32_t ret = m3u8_client_load_master_playlist(holder->m3u8_client, req->url, buffer, is_master);
     switch (ret) {
-    case 0:
+    case M3U8_LOAD_OK:
         break;
-    case 1:
+    case M3U8_LOAD_NOT_PLAYLIST:
         /* The text shown is the last master playlist accepted, not the one
          * just refused; before any was accepted there is none. */
         HLS_LOG_ERROR("parse_master_m3u8", "First playlist: Incomplete M3U8 data[%s].\n",
                       hls_text_or_placeholder(m3u8_client_get_master_raw_data(holder->m3u8_client)));
         return HLS_STEP_FINISH;
-    case 2:
+    case M3U8_LOAD_NO_MEMORY:
         HLS_LOG_ERROR("parse_master_m3u8", "First playlist: Invalid M3U8 data. None UTF encoding\n");
         return HLS_STEP_FINISH;
     default:
@@ -764,17 +729,17 @@ int32_t parse_sub_m3u8(http_demux *hd, hls_connect_param *req)
 
     int32_t ret = m3u8_client_load_playlist(holder->m3u8_client, req->url, buffer);
     switch (ret) {
-    case 0:
+    case M3U8_LOAD_OK:
         /* From now on refreshes fetch this variant; the cap starts again from
          * its declared bandwidth at every load, changed text or not. */
         holder->media_url_known = 1;
         hls_set_cap_fn(holder->ts_downloader, m3u8_client_get_bandwidth_bps(holder->m3u8_client));
         return HLS_STEP_SEGMENTS;
-    case 1:
+    case M3U8_LOAD_NOT_PLAYLIST:
         HLS_LOG_ERROR("parse_sub_m3u8", "Second playlist: Incomplete M3U8 data[%s].\n",
                       hls_text_or_placeholder(m3u8_client_get_raw_data(holder->m3u8_client)));
         return HLS_STEP_FINISH;
-    case 2:
+    case M3U8_LOAD_NO_MEMORY:
         HLS_LOG_ERROR("parse_sub_m3u8", "Second playlist: Invalid M3U8 data. None UTF encoding\n");
         return HLS_STEP_FINISH;
     default:
@@ -784,17 +749,23 @@ int32_t parse_sub_m3u8(http_demux *hd, hls_connect_param *req)
     }
 }
 
-/* Holds the loop in 20 ms sleeps while the segment came early and 30 or more
- * video frames are queued; returns the clock reading it stopped at. */
+/* The throttle holds the loop in 20 ms sleeps while the segment came early
+ * and 30 or more video frames are queued. */
+enum {
+    HLS_THROTTLE_VIDEO_FRAMES = 30,
+    HLS_THROTTLE_SLICE_USEC = 20000,
+};
+
+/* Runs the throttle; returns the clock reading it stopped at. */
 static uint32_t hls_throttle(http_demux *hd, hls_demux *holder, uint32_t last_ms, uint32_t duration_ms,
                              uint32_t now_ms)
 {
     for (;;) {
         frame_queue_count count = {0, 0};
         frame_queue_stat(&holder->frame_queue, &count);
-        if (count.video_count <= 29)
+        if (count.video_count < HLS_THROTTLE_VIDEO_FRAMES)
             return now_ms;
-        hal_usleep(20000);
+        hal_usleep(HLS_THROTTLE_SLICE_USEC);
         now_ms = hls_monotonic_ms_fn();
         if (!hd->running.load() || !hls_segment_is_early(last_ms, duration_ms, now_ms))
             return now_ms;
@@ -854,14 +825,12 @@ static int32_t hls_segment_loop(http_demux *hd, hls_connect_param *req, uint32_t
     }
 }
 
-/* 500 sleeps of 10 ms, so a disconnect is noticed within 10 ms. */
+/* The download thread's 5-second pause, so a disconnect is noticed within
+ * one 10 ms slice. */
 static int32_t hls_retry_wait(http_demux *hd)
 {
-    for (int i = 0; i < 500; i++) {
-        if (!hd->running.load())
-            return HLS_STEP_FINISH;
-        hal_usleep(10000);
-    }
+    if (!pause_while_running(hd))
+        return HLS_STEP_FINISH;
     return hd->running.load() ? HLS_STEP_REFRESH : HLS_STEP_FINISH;
 }
 

@@ -11,9 +11,6 @@
 
 #include "HLSClientLib.h"
 #include "frame_queue.h"
-#include "hls_m3u8.h"
-#include "m3u8_downloader.h"
-#include "ts_downloader.h"
 
 /* Probe results. */
 enum {
@@ -137,11 +134,6 @@ int32_t hls_segment_is_early(uint32_t last_ms, uint32_t duration_ms, uint32_t no
 uint64_t hls_first_cap_bps(int64_t bytes, uint64_t duration_ns);
 /* A late segment raises the cap by a quarter: 5 x cap / 4. */
 uint64_t hls_late_cap_bps(uint64_t cap);
-/* Joins a variant URI to the request URL in place (url holds 512 characters).
- * An URI starting "http" replaces the URL; any other is put after the URL's
- * last "/". The result is cut to 511 characters. Returns 0, URL unchanged,
- * when a join is needed and the URL has no "/". */
-int32_t hls_variant_url(char *url, const char *uri);
 
 /* Frame rate the delivery thread paces at after `info`, given the current one. */
 int32_t hls_frame_rate_of(int32_t rate, const frame_info *info);

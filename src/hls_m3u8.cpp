@@ -1,6 +1,6 @@
 /* Playlist module: the line-by-line M3U8 parser and its records, segment URI
  * resolution, and the playlist client with its fragment list. */
-#include "hls_m3u8.h"
+#include "hls_m3u8_int.h"
 
 #include <assert.h>
 #include <math.h>
@@ -462,6 +462,32 @@ std::string get_absolute_path(std::string base, std::string relative)
     base += '/';
     base.append(relative, skipped, std::string::npos);
     return base;
+}
+
+int32_t hls_variant_url(char *url, const char *uri)
+{
+    if (strncmp(uri, "http", 4) == 0) {
+        strncpy(url, uri, 511);
+        url[511] = '\0';
+        return 1;
+    }
+    char scratch[512];
+    memset(scratch, 0, sizeof(scratch));
+    memcpy(scratch, url, strnlen(url, 511));
+    char *slash = strrchr(scratch, '/');
+    if (!slash)
+        return 0;
+    /* The URI replaces everything after the last "/" (a query part included)
+     * and is appended as it stands. A join that would pass 511 characters is
+     * cut there, like every other URL the loop builds: the fetch of the cut
+     * URL then fails and is retried, rather than writing past the field. */
+    size_t at = (size_t)(slash - scratch) + 1;
+    size_t room = 511 - at;
+    size_t len = strnlen(uri, room);
+    memcpy(scratch + at, uri, len);
+    memset(scratch + at + len, 0, sizeof(scratch) - at - len);
+    memcpy(url, scratch, sizeof(scratch));
+    return 1;
 }
 
 /* ---- fragment list ---- */

@@ -5,7 +5,7 @@
 
 #include "hls_host_demux.h"
 #include "hls_log.h"
-#include "m3u8_downloader.h"
+#include "hls_transfer.h"
 
 /* The record behind a handle. It owns `curl`; the demultiplexer belongs to
  * the HLS holder and the CA path to the library-wide settings. */
@@ -21,7 +21,7 @@ struct ts_downloader {
     ts_downloader_record *record;
 };
 
-extern "C" size_t ts_downloader_write(void *data, size_t size, size_t nmemb, void *user)
+extern "C" size_t ts_downloader_write(char *data, size_t size, size_t nmemb, void *user)
 {
     size_t count = size * nmemb;
     ts_downloader_record *record = (ts_downloader_record *)user;
@@ -49,26 +49,16 @@ ts_downloader *ts_downloader_new(void *ts_demux, const char *ca_path)
     return handle;
 }
 
-static void release_curl(ts_downloader_record *record)
-{
-    curl_easy_cleanup(record->curl);
-    record->curl = NULL;
-}
-
 int32_t ts_downloader_prepare(ts_downloader *handle, const hls_connect_param *param, uint32_t duration_ms)
 {
     if (!handle || !handle->record || !param)
         return 0;
     ts_downloader_record *record = handle->record;
 
-    if (!record->curl) {
-        record->curl = curl_easy_init();
-        if (!record->curl) {
-            HLS_LOG_ERROR("ts_downloader_prepare", "Could not create HTTP client\n");
-            return 0;
-        }
-    } else {
-        curl_easy_reset(record->curl);
+    CURL *curl = hls_transfer_handle(&record->curl);
+    if (!curl) {
+        HLS_LOG_ERROR("ts_downloader_prepare", "Could not create HTTP client\n");
+        return 0;
     }
 
     /* A segment may take twice its own duration, but never less than a
@@ -81,20 +71,14 @@ int32_t ts_downloader_prepare(ts_downloader *handle, const hls_connect_param *pa
 
     /* No overall CURLOPT_TIMEOUT and no address-family choice: a segment is
      * bounded by the connect time-out and its own time limit only. */
-    CURL *curl = record->curl;
-    curl_easy_setopt(curl, CURLOPT_URL, param->url);
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, (long)param->connect_timeout);
+    hls_transfer_setup(curl, param, ts_downloader_write, record);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, (long)timeout_ms);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, ts_downloader_write);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, record);
     curl_easy_setopt(curl, CURLOPT_MAX_RECV_SPEED_LARGE, max_recv);
-    hls_https_apply(curl, param->url, record->ca_path);
 
-    if (hls_transfer_perform(curl, param->url, "ts_downloader_prepare"))
+    hls_transfer_status status;
+    if (hls_transfer_run(&record->curl, param->url, record->ca_path, &status))
         return 1;
-    release_curl(record);
+    HLS_TRANSFER_LOG_FAILURE("ts_downloader_prepare", param->url, status);
     return 0;
 }
 
@@ -109,8 +93,7 @@ int32_t ts_downloader_done(ts_downloader *handle)
 {
     if (!handle || !handle->record)
         return 0;
-    if (handle->record->curl)
-        release_curl(handle->record);
+    hls_transfer_release(&handle->record->curl);
     return 1;
 }
 
@@ -120,8 +103,7 @@ void ts_downloader_free(ts_downloader *handle)
         return;
     ts_downloader_record *record = handle->record;
     if (record) {
-        if (record->curl)
-            release_curl(record);
+        hls_transfer_release(&record->curl);
         free(record);
     }
     handle->record = NULL;

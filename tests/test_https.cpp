@@ -11,6 +11,7 @@
 #include <httplib.h>
 
 #include "hls_host_demux.h"
+#include "hls_transfer.h"
 #include "m3u8_downloader.h"
 #include "stderr_capture.h"
 #include "test_host.h"
@@ -129,4 +130,13 @@ TEST_F(Https, CaPathKindDecidesVerificationOfPlaylistAndSegmentTransfers)
         ts_demux_free(demux);
         EXPECT_EQ(err.count(rejected), c.expect ? 0u : 2u) << err.text();
     }
+}
+
+TEST(TransferSettings, IpResolveMapsOneToV4TwoToV6AndTheRestToAny)
+{
+    const std::pair<int32_t, long> cases[] = {{1, CURL_IPRESOLVE_V4},       {2, CURL_IPRESOLVE_V6},
+                                              {3, CURL_IPRESOLVE_WHATEVER}, {0, CURL_IPRESOLVE_WHATEVER},
+                                              {-1, CURL_IPRESOLVE_WHATEVER}};
+    for (const auto &c : cases)
+        EXPECT_EQ(hls_ip_resolve_option(c.first), c.second) << c.first;
 }

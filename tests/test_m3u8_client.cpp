@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "hls_m3u8.h"
+#include "hls_m3u8_int.h"
 #include "stderr_capture.h"
 
 // Allocation failures on demand: the next malloc of exactly `fail_size`

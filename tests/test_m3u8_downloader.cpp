@@ -1,3 +1,4 @@
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -118,10 +119,12 @@ TEST_F(M3u8Downloader, OnlyFinalStatusTwoHundredSucceedsAndFailuresSayWhy)
         EXPECT_EQ(body(), c.body) << c.url;
         // A failure releases the easy handle, so no count is left to query.
         EXPECT_EQ(m3u8_downloader_get_download_bytes(d), c.result ? (int64_t)c.body.size() : -1) << c.url;
-        if (c.message.empty())
+        if (c.message.empty()) {
             EXPECT_EQ(err.text(), "") << c.url;
-        else
+        } else {
             EXPECT_EQ(err.count(c.message), 1u) << err.text();
+            EXPECT_EQ(err.reporting_file("m3u8_downloader_prepare"), "m3u8_downloader.cpp") << err.text();
+        }
     }
 }
 
@@ -163,13 +166,4 @@ TEST_F(M3u8Downloader, HandleConnectionAndBufferLiveAcrossTransfersUntilFailureO
     // Every transfer cleared and reused the same block, never a new one.
     EXPECT_EQ(m3u8_downloader_get_buffer(d), buffer);
     EXPECT_EQ(buffer->capacity, 4u * 65536u);
-}
-
-TEST_F(M3u8Downloader, IpResolveMapsOneToV4TwoToV6AndTheRestToAny)
-{
-    const std::pair<int32_t, long> cases[] = {{1, CURL_IPRESOLVE_V4},       {2, CURL_IPRESOLVE_V6},
-                                              {3, CURL_IPRESOLVE_WHATEVER}, {0, CURL_IPRESOLVE_WHATEVER},
-                                              {-1, CURL_IPRESOLVE_WHATEVER}};
-    for (const auto &c : cases)
-        EXPECT_EQ(hls_ip_resolve_option(c.first), c.second) << c.first;
 }

@@ -143,6 +143,7 @@ TEST_F(TsDownloader, FailedTransfersEndInTimeAndKeepWhatTheyFed)
         EXPECT_LT(took, c.at_least + 2.0) << c.path << " " << c.duration_ms;
         EXPECT_EQ(test_host::received_bytes(false), c.fed) << c.path;
         EXPECT_EQ(err.count(c.message), 1u) << err.text();
+        EXPECT_EQ(err.reporting_file("ts_downloader_prepare"), "ts_downloader.cpp") << err.text();
         EXPECT_EQ(ts_downloader_get_download_bytes(dl), -1) << c.path; // easy handle released
     }
 }

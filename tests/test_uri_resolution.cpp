@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <string>
 
@@ -45,5 +46,42 @@ TEST(UriResolution, ResolvesByPrefixRootOrDocumentAndLogsAMissingSlash)
             EXPECT_TRUE(capture.contains(", get_absolute_path>: Not Found '/' from " + c.logged + "\n\033[0m")) << log;
         }
         EXPECT_EQ(capture.count("\033[1;31m<ERROR! "), c.result.empty() ? 1u : 0u) << log;
+    }
+}
+
+TEST(HlsVariantUrl, JoinsAfterLastSlashOrTakesAbsoluteUriWithinTheField)
+{
+    const std::string dir = "http://h/" + std::string(390, 'd') + "/", live = "http://h:1/live/index.m3u8";
+    const std::string long_uri(300, 'u'), long_abs = "http://o/" + std::string(600, 'a');
+    struct Case {
+        std::string base, uri, expect;
+        int32_t result;
+    } cases[] = {
+        {live, "video/720p.m3u8", "http://h:1/live/video/720p.m3u8", 1},
+        {live, "http://o/x/a.m3u8", "http://o/x/a.m3u8", 1},
+        {live, "https://o/a.m3u8", "https://o/a.m3u8", 1},
+        {live, "httpdocs/a.m3u8", "httpdocs/a.m3u8", 1},
+        {live, "HTTP://o/a.m3u8", "http://h:1/live/HTTP://o/a.m3u8", 1},
+        {live, "/top/a.m3u8", "http://h:1/live//top/a.m3u8", 1},
+        {live, "../a.m3u8", "http://h:1/live/../a.m3u8", 1},
+        {live + "?k=a/b", "v.m3u8", "http://h:1/live/index.m3u8?k=a/v.m3u8", 1},
+        {live + "?k=1", "v.m3u8", "http://h:1/live/v.m3u8", 1},
+        {"http://h:1/live/", "v.m3u8", "http://h:1/live/v.m3u8", 1},
+        {"index.m3u8", "v.m3u8", "index.m3u8", 0},
+        // Long results are cut at 511 characters, never written past 512.
+        {dir + "index.m3u8", long_uri, (dir + long_uri).substr(0, 511), 1},
+        {dir + "index.m3u8", std::string(111, 'u'), dir + std::string(111, 'u'), 1}, // exactly 511
+        {dir + "index.m3u8", long_abs, long_abs.substr(0, 511), 1},
+        {std::string(510, 'p') + "/", "v.m3u8", std::string(510, 'p') + "/", 1}, // no room left at all
+    };
+    for (const Case &c : cases) {
+        struct {
+            char before[16], url[512], after[16];
+        } g;
+        memset(&g, 0x5a, sizeof(g));
+        memcpy(g.url, c.base.c_str(), c.base.size() + 1);
+        EXPECT_EQ(hls_variant_url(g.url, c.uri.c_str()), c.result) << c.base << " + " << c.uri;
+        EXPECT_EQ(std::string(g.url, strnlen(g.url, sizeof(g.url))), c.expect) << c.base << " + " << c.uri;
+        EXPECT_EQ(std::string(g.before, 16) + std::string(g.after, 16), std::string(32, 0x5a)) << c.base << " + " << c.uri;
     }
 }

@@ -51,3 +51,16 @@ size_t StderrCapture::count(const std::string &needle) const
         ++found;
     return found;
 }
+
+std::string StderrCapture::reporting_file(const std::string &function) const
+{
+    std::string all = text();
+    size_t end = all.find(", " + function + ">: ");
+    size_t start = end == std::string::npos ? end : all.rfind("<ERROR! ", end);
+    if (start == std::string::npos)
+        return "";
+    std::string where = all.substr(start + 8, end - start - 8);
+    where = where.substr(0, where.rfind(':'));
+    size_t slash = where.rfind('/');
+    return slash == std::string::npos ? where : where.substr(slash + 1);
+}

@@ -1,8 +1,6 @@
 // Throughput of the reference demultiplexers over the sample streams, for
-// docs/performance.md. Build and run from the source tree after a
-// build in build/:
-//   g++ -O2 -std=c++17 -Iinclude scripts/demux-throughput.cpp -Lbuild -lhostdemux \
-//       -Wl,-rpath,$PWD/build -o /tmp/demux-throughput && /tmp/demux-throughput
+// docs/performance.md; scripts/bench builds and runs it from the source tree
+// (build/bench/demux_throughput, started in the source directory).
 // Prints, per sample and piece size, the median of 5 runs in MB/s of input.
 #include <stdio.h>
 
