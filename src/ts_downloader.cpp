@@ -1,6 +1,7 @@
 #include "ts_downloader.h"
 
 #include <curl/curl.h>
+#include <limits.h>
 #include <stdlib.h>
 
 #include "hls_host_demux.h"
@@ -85,7 +86,9 @@ int32_t ts_downloader_prepare(ts_downloader *handle, const hls_connect_param *pa
     curl_easy_setopt(curl, CURLOPT_URL, param->url);
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, (long)param->connect_timeout);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, (long)timeout_ms);
+    /* A long has 32 bits on some targets: past LONG_MAX libcurl would refuse
+     * the option and leave the transfer without a time limit. */
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeout_ms > (uint32_t)LONG_MAX ? LONG_MAX : (long)timeout_ms);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, ts_downloader_write);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, record);

@@ -72,8 +72,10 @@ hls_connect_param param(const std::string &scheme, const char *path)
 {
     hls_connect_param p{};
     snprintf(p.url, sizeof(p.url), "%s://127.0.0.1:%d%s", scheme.c_str(), port, path);
-    p.connect_timeout = 2;
-    p.timeout = 5;
+    // Both ends of every handshake run in this process; under an emulator
+    // one takes a large part of a second, so the limits leave room.
+    p.connect_timeout = 10;
+    p.timeout = 20;
     return p;
 }
 

@@ -203,8 +203,9 @@ TEST(HalSleep, ResumesAfterSignalsAndRejectsWholeSeconds)
     EXPECT_GE(slept, 0.060); // and still lasted the whole time
 
     StderrCapture err;
-    EXPECT_EQ(hal_usleep(1000000), -1);
-    EXPECT_TRUE(err.contains("hal_usleep>: nanosleep errno 22\n")) << err.text();
+    for (uint32_t usec : {1000000u, 4294968u, UINT32_MAX})
+        EXPECT_EQ(hal_usleep(usec), -1) << usec;
+    EXPECT_EQ(err.count("hal_usleep>: nanosleep errno 22\n"), 3u) << err.text();
     EXPECT_EQ(hal_usleep(999), 0);
 }
 
