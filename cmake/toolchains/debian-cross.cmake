@@ -1,6 +1,7 @@
 # Shared part of the Debian cross toolchains. The including file sets
 # HLS_CROSS_TRIPLE (the GNU triple of Debian's cross compiler),
-# HLS_CROSS_PROCESSOR and HLS_CROSS_QEMU (the qemu-user program for the target).
+# HLS_CROSS_PROCESSOR, HLS_CROSS_QEMU (the qemu-user program for the target)
+# and optionally HLS_CROSS_QEMU_OPTIONS.
 #
 # The sysroot is a directory holding the target's libraries and headers,
 # unpacked from Debian's packages for that architecture (scripts/cross makes
@@ -44,6 +45,6 @@ set(ENV{PKG_CONFIG_PATH} "")
 if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
   find_program(HLS_CROSS_QEMU_PROGRAM NAMES ${HLS_CROSS_QEMU} ${HLS_CROSS_QEMU}-static)
   if(HLS_CROSS_QEMU_PROGRAM)
-    set(CMAKE_CROSSCOMPILING_EMULATOR "${HLS_CROSS_QEMU_PROGRAM};-L;${HLS_CROSS_SYSROOT}")
+    set(CMAKE_CROSSCOMPILING_EMULATOR ${HLS_CROSS_QEMU_PROGRAM} ${HLS_CROSS_QEMU_OPTIONS} -L ${HLS_CROSS_SYSROOT})
   endif()
 endif()
