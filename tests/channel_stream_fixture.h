@@ -97,6 +97,13 @@ inline bool thread_named(const std::string &name)
     return found;
 }
 
+// A joined thread can stay listed for a moment: its exit finishes after the
+// join returned (under qemu-user, the host thread behind it ends later still).
+inline bool thread_gone(const std::string &name)
+{
+    return test_host::wait_for([&] { return !thread_named(name); }, std::chrono::seconds(2));
+}
+
 // One scripted answer: after `delay_ms`, `body` in one piece, then `frames`
 // test frames 5 ms apart (SIZE_MAX: until the server stops or the client goes
 // away), then the end of the body or, with `drop`, a dropped connection. A

@@ -172,7 +172,7 @@ TEST_F(DownloadThread, UndecidedProbeRepeatsEveryFiveSecondsUntilClosed)
     // Channel 2 is pausing again: closing it ends the pause at once.
     std::this_thread::sleep_for(100ms);
     EXPECT_LT(timed_disconnect(2), 0.2);
-    EXPECT_FALSE(thread_named("httpdown[2]"));
+    EXPECT_TRUE(thread_gone("httpdown[2]"));
     EXPECT_EQ(bare.hits("/"), 2u);
     EXPECT_EQ(err.count("Not Supported"), 1u); // a missing type is no verdict
     EXPECT_EQ(test_host::events().size(), 0u); // no demultiplexer, no status
