@@ -71,7 +71,8 @@ bool amf_skip(const uint8_t *p, size_t n, size_t *pos, int depth)
     if (depth > 16 || *pos >= n)
         return false;
     uint8_t marker = p[(*pos)++];
-    size_t left = n - *pos, len;
+    size_t left = n - *pos;
+    uint64_t len; /* a long string's 4 + 32-bit length must not wrap a 32-bit size_t */
     switch (marker) {
     case 0: len = 8; break;                              /* number */
     case 1: len = 1; break;                              /* boolean */
@@ -79,7 +80,7 @@ bool amf_skip(const uint8_t *p, size_t n, size_t *pos, int depth)
     case 5: case 6: len = 0; break;                      /* null, undefined */
     case 7: len = 2; break;                              /* reference */
     case 11: len = 10; break;                            /* date */
-    case 12: len = left < 4 ? 4 : 4 + (size_t)be32(p + *pos); break; /* long string */
+    case 12: len = left < 4 ? 4 : 4 + (uint64_t)be32(p + *pos); break; /* long string */
     case 3: return amf_skip_pairs(p, n, pos, depth);     /* object */
     case 8:                                              /* ECMA array */
         if (left < 4)
@@ -100,7 +101,7 @@ bool amf_skip(const uint8_t *p, size_t n, size_t *pos, int depth)
     }
     if (len > left)
         return false;
-    *pos += len;
+    *pos += (size_t)len;
     return true;
 }
 

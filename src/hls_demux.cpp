@@ -67,7 +67,10 @@ int32_t hal_usleep(uint32_t usec)
     struct timespec request;
     struct timespec remaining;
     request.tv_sec = 0;
-    request.tv_nsec = (long)usec * 1000;
+    /* A whole second or more is out of range for nanosleep, which rejects
+     * it; the product is not formed then, as it would overflow a 32-bit long
+     * (4294968 us would wrap to 704 ns and be slept). */
+    request.tv_nsec = usec < 1000000u ? (long)usec * 1000 : 1000000000L;
     /* A signal cuts nanosleep short; the rest of the time is slept again so
      * that the caller's slice keeps its length. */
     while (nanosleep(&request, &remaining) != 0) {

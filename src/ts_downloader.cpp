@@ -1,6 +1,7 @@
 #include "ts_downloader.h"
 
 #include <curl/curl.h>
+#include <limits.h>
 #include <stdlib.h>
 
 #include "hls_host_demux.h"
@@ -72,7 +73,9 @@ int32_t ts_downloader_prepare(ts_downloader *handle, const hls_connect_param *pa
     /* No overall CURLOPT_TIMEOUT and no address-family choice: a segment is
      * bounded by the connect time-out and its own time limit only. */
     hls_transfer_setup(curl, param, ts_downloader_write, record);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, (long)timeout_ms);
+    /* A long has 32 bits on some targets: past LONG_MAX libcurl would refuse
+     * the option and leave the transfer without a time limit. */
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeout_ms > (uint32_t)LONG_MAX ? LONG_MAX : (long)timeout_ms);
     curl_easy_setopt(curl, CURLOPT_MAX_RECV_SPEED_LARGE, max_recv);
 
     hls_transfer_status status;

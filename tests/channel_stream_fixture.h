@@ -97,6 +97,13 @@ inline bool thread_named(const std::string &name)
     return found;
 }
 
+// A joined thread can stay listed for a moment: its exit finishes after the
+// join returned (under qemu-user, the host thread behind it ends later still).
+inline bool thread_gone(const std::string &name)
+{
+    return test_host::wait_for([&] { return !thread_named(name); }, std::chrono::seconds(2));
+}
+
 // One scripted answer: after `delay_ms`, `body` in one piece, then `frames`
 // test frames 5 ms apart (SIZE_MAX: until the server stops or the client goes
 // away), then the end of the body or, with `drop`, a dropped connection. A
@@ -206,8 +213,10 @@ private:
     void stream(httplib::Response &rs, const Reply &reply)
     {
         bool packets = reply.body.size() >= 188 && reply.body[0] == '\x47';
-        size_t length = reply.drop || reply.frames == SIZE_MAX ? size_t(1) << 40 : reply.body.size();
-        for (size_t i = 0; length < (size_t(1) << 40) && i < reply.frames; ++i)
+        // 1 TiB, or 1 GiB where size_t has 32 bits: more than any test sends.
+        const size_t unreachable = size_t(std::min<uint64_t>(uint64_t(1) << 40, SIZE_MAX / 4));
+        size_t length = reply.drop || reply.frames == SIZE_MAX ? unreachable : reply.body.size();
+        for (size_t i = 0; length < unreachable && i < reply.frames; ++i)
             length += stream_frame(i, packets).size();
         auto sent = std::make_shared<size_t>(0);
         rs.set_content_provider(length, reply.type, [this, reply, packets, sent](size_t, size_t, httplib::DataSink &sink) {

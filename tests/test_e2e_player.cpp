@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -39,6 +40,17 @@ using Clock = std::chrono::steady_clock;
 const std::string kPlayer = HLS_BINARY_DIR "/hlsplay";
 const std::string kServer = HLS_BINARY_DIR "/hls-sample-server";
 
+// In a cross build the tools are target programs like this test: they run
+// through the same emulator, whose words HLS_TEST_EMULATOR lists.
+std::vector<std::string> with_emulator(std::vector<std::string> args)
+{
+#ifdef HLS_TEST_EMULATOR
+    std::istringstream words(HLS_TEST_EMULATOR);
+    args.insert(args.begin(), std::istream_iterator<std::string>(words), std::istream_iterator<std::string>());
+#endif
+    return args;
+}
+
 // ---- child processes ---------------------------------------------------
 
 struct Child {
@@ -48,8 +60,9 @@ struct Child {
 
 // Starts `args` with stdout and stderr on pipes; `env_extra` entries
 // ("NAME=value") replace or add to the environment.
-Child spawn(const std::vector<std::string> &args, const std::vector<std::string> &env_extra = {})
+Child spawn(const std::vector<std::string> &tool_args, const std::vector<std::string> &env_extra = {})
 {
+    const std::vector<std::string> args = with_emulator(tool_args);
     int out[2], err[2];
     if (pipe(out) != 0 || pipe(err) != 0)
         throw std::runtime_error("pipe failed");
@@ -447,7 +460,12 @@ TEST(E2ePlayer, TerminalGetsAStatusDisplayRedrawnInPlace)
     pid_t pid = forkpty(&term, nullptr, nullptr, nullptr);
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        execl(kPlayer.c_str(), kPlayer.c_str(), "--seconds", "2.5", ts.c_str(), flv.c_str(), (char *)nullptr);
+        std::vector<std::string> args = with_emulator({kPlayer, "--seconds", "2.5", ts, flv});
+        std::vector<char *> argv;
+        for (std::string &a : args)
+            argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
         _exit(127);
     }
     std::string screen;
