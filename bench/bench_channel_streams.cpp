@@ -6,19 +6,16 @@
 #include <benchmark/benchmark.h>
 #include <string.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 
 #include "HLSClientLib.h"
+#include "client_helpers.h"
 #include "counting_demux.h"
 #include "hls_demux.h"
 #include "hls_demux_stream.h"
 #include "local_server.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 int32_t on_frame(int32_t, frame_info *, uint8_t *) { return 0; }
 void on_status(int32_t, int32_t) {}
@@ -81,9 +78,7 @@ struct TsServer {
     LocalServer local;
     explicit TsServer(size_t total)
     {
-        std::string block(188 * 348, '\x11');
-        for (size_t at = 0; at < block.size(); at += 188)
-            block[at] = '\x47';
+        std::string block = ts_sync_prefix(188 * 348);
         local.server().Get("/ts", [block, total](const httplib::Request &, httplib::Response &res) {
             res.set_content_provider(total, "video/MP2T", [block](size_t offset, size_t length, httplib::DataSink &sink) {
                 (void)offset;
@@ -94,26 +89,8 @@ struct TsServer {
     }
 };
 
-hls_connect_param param_for(const std::string &url)
-{
-    hls_connect_param param;
-    memset(&param, 0, sizeof(param));
-    snprintf(param.url, sizeof(param.url), "%s", url.c_str());
-    param.connect_timeout = 5;
-    param.timeout = 5;
-    return param;
-}
-
-bool wait_until(const std::function<bool()> &pred)
-{
-    auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (!pred()) {
-        if (Clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
+// Waits long and polls finely, so that the poll does not blur the figure.
+bool arrived(const std::function<bool()> &pred) { return wait_until(pred, std::chrono::seconds(30), std::chrono::microseconds(200)); }
 
 // Whole stream (256 MiB) from connect to the last byte in the demultiplexer.
 void BM_DirectTsThroughput(benchmark::State &state)
@@ -121,14 +98,14 @@ void BM_DirectTsThroughput(benchmark::State &state)
     const size_t total = size_t(256) << 20;
     TsServer server(total);
     hls_client_init(1, on_frame, on_status, nullptr);
-    hls_connect_param param = param_for(server.local.url("/ts"));
+    hls_connect_param param = make_param(server.local.url("/ts"));
     for (auto _ : state) {
         g_counted_bytes = 0;
         auto start = Clock::now();
         hls_client_connect(0, &param);
-        if (!wait_until([&] { return g_counted_bytes.load() >= total; }))
+        if (!arrived([&] { return g_counted_bytes.load() >= total; }))
             state.SkipWithError("stream did not arrive");
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
         hls_client_disconnect(0);
     }
     state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)total);
@@ -142,14 +119,14 @@ void BM_ConnectToFirstByte(benchmark::State &state)
 {
     TsServer server(size_t(64) << 20);
     hls_client_init(1, on_frame, on_status, nullptr);
-    hls_connect_param param = param_for(server.local.url("/ts"));
+    hls_connect_param param = make_param(server.local.url("/ts"));
     for (auto _ : state) {
         g_counted_bytes = 0;
         auto start = Clock::now();
         hls_client_connect(0, &param);
-        if (!wait_until([] { return g_counted_bytes.load() > 0; }))
+        if (!arrived([] { return g_counted_bytes.load() > 0; }))
             state.SkipWithError("no bytes arrived");
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
         hls_client_disconnect(0);
     }
     hls_client_destroy();
@@ -160,7 +137,7 @@ BENCHMARK(BM_ConnectToFirstByte)->UseManualTime()->Unit(benchmark::kMillisecond)
 void BM_DisconnectDuringRetryPause(benchmark::State &state)
 {
     hls_client_init(1, on_frame, on_status, nullptr);
-    hls_connect_param param = param_for("http://127.0.0.1:1/"); // refused
+    hls_connect_param param = make_param("http://127.0.0.1:1/"); // refused
     for (auto _ : state) {
         state.PauseTiming();
         hls_client_connect(0, &param);

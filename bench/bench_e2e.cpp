@@ -15,38 +15,19 @@
 #include <thread>
 
 #include "HLSClientLib.h"
+#include "client_helpers.h"
 #include "counting_demux.h"
 #include "local_server.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr size_t kTsBody = size_t(256) << 20;
 
 int32_t ignore_frame(int32_t, frame_info *, uint8_t *) { return 0; }
 void ignore_status(int32_t, int32_t) {}
 
-hls_connect_param param_for(const std::string &url)
-{
-    hls_connect_param p;
-    memset(&p, 0, sizeof(p));
-    snprintf(p.url, sizeof(p.url), "%s", url.c_str());
-    p.connect_timeout = 5;
-    p.timeout = 5;
-    return p;
-}
-
-bool wait_until(const std::function<bool()> &pred)
-{
-    auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (!pred()) {
-        if (Clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
+// Waits long and polls finely, so that the poll does not blur the figure.
+bool arrived(const std::function<bool()> &pred) { return wait_until(pred, std::chrono::seconds(30), std::chrono::microseconds(200)); }
 
 // One server for the run. /ts: kTsBody bytes of whole transport packets from
 // one shared block. /hold.m3u8 lists one segment whose body sends 100 packets
@@ -58,12 +39,7 @@ LocalServer &server()
 {
     static LocalServer *local = [] {
         auto *s = new LocalServer;
-        static std::string block = [] {
-            std::string b(188 * 348, '\x11');
-            for (size_t at = 0; at < b.size(); at += 188)
-                b[at] = '\x47';
-            return b;
-        }();
+        static std::string block = ts_sync_prefix(188 * 348);
         s->server().Get("/ts", [](const httplib::Request &, httplib::Response &res) {
             res.set_content_provider(kTsBody, "video/MP2T", [](size_t offset, size_t length, httplib::DataSink &sink) {
                 size_t at = offset % block.size();
@@ -93,14 +69,14 @@ LocalServer &server()
 void BM_DirectTsLibrary(benchmark::State &state)
 {
     hls_client_init(1, ignore_frame, ignore_status, nullptr);
-    hls_connect_param param = param_for(server().url("/ts"));
+    hls_connect_param param = make_param(server().url("/ts"));
     for (auto _ : state) {
         g_counted_bytes = 0;
         auto start = Clock::now();
         hls_client_connect(0, &param);
-        if (!wait_until([] { return g_counted_bytes.load() >= kTsBody; }))
+        if (!arrived([] { return g_counted_bytes.load() >= kTsBody; }))
             state.SkipWithError("stream did not arrive");
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
         hls_client_disconnect(0);
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kTsBody));
@@ -123,7 +99,7 @@ void BM_DirectTsPlainLibcurl(benchmark::State &state)
             curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &got) != CURLE_OK || got != curl_off_t(kTsBody))
             state.SkipWithError("plain transfer failed");
         curl_easy_cleanup(curl);
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kTsBody));
 }
@@ -134,16 +110,16 @@ void BM_DisconnectDuringSegmentDownload(benchmark::State &state)
 {
     g_release = false;
     hls_client_init(1, ignore_frame, ignore_status, nullptr);
-    hls_connect_param param = param_for(server().url("/hold.m3u8"));
+    hls_connect_param param = make_param(server().url("/hold.m3u8"));
     for (auto _ : state) {
         g_counted_bytes = 0;
         hls_client_connect(0, &param);
-        if (!wait_until([] { return g_counted_bytes.load() > 0; }))
+        if (!arrived([] { return g_counted_bytes.load() > 0; }))
             state.SkipWithError("segment did not start");
         std::this_thread::sleep_for(std::chrono::milliseconds(200)); // inside the held transfer
         auto start = Clock::now();
         hls_client_disconnect(0);
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
     }
     hls_client_destroy();
     g_release = true;

@@ -2,7 +2,7 @@
 // slot occupancy, and closing channels on disconnect and tear-down.
 #include <sys/resource.h>
 
-#include "channel_stream_fixture.h"
+#include "channel_stream.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // reported around every connection; broken transfers are retried after a
 // pause that a disconnect cuts short; a demultiplexer that cannot be created
 // ends the channel, on any path.
-#include "channel_stream_fixture.h"
+#include "channel_stream.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <dlfcn.h>
 #include <sys/prctl.h>
 
-#include "channel_stream_fixture.h"
+#include "channel_stream.h"
 #include "hls_demux.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "channel_stream_fixture.h"
+#include "channel_stream.h"
 #include "hls_demux.h"
 #include "hls_demux_stream.h"
 
