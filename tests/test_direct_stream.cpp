@@ -9,13 +9,8 @@ namespace {
 
 // Channel 0 plays the TS stream at /ts, channel 1 the FLV stream at /flv.
 // Their lengths differ so that the two channels log at different moments.
-struct Kind {
-    const char *path;
-    bool flv;
-    std::string prefix;
-    const char *function; // reporting function of the transfer messages
-    size_t frames;
-};
+// `function` reports their transfer messages.
+struct Kind { const char *path; bool flv; std::string prefix; const char *function; size_t frames; };
 const Kind kKinds[] = {
     {"/ts", false, ts_sync_prefix(), "download_data_by_ts", 20},
     {"/flv", true, "FLV\x01\x05" + std::string(20, '\0'), "download_data_by_flv", 40},

@@ -1,23 +1,25 @@
-// A real HTTP server on 127.0.0.1 for tests and benchmarks: register
-// handlers on server(), call start(), build URLs with url(). It binds a free
-// loopback port (or the one given) and stops itself when it goes out of scope.
+// A real HTTP (or, with httplib::SSLServer, HTTPS) server on 127.0.0.1 for
+// tests and benchmarks: register handlers on server(), call start(), build
+// URLs with url(). It binds a free loopback port (or the one given) and stops
+// itself when it goes out of scope.
 #pragma once
 
 #include <httplib.h>
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "client_helpers.h"
 
-class LocalServer {
+template <class Server> class BasicLocalServer {
 public:
-    LocalServer() = default;
-    LocalServer(const LocalServer &) = delete;
-    LocalServer &operator=(const LocalServer &) = delete;
-    ~LocalServer() { stop(); }
+    template <class... Args> explicit BasicLocalServer(Args &&...args) : server_(std::forward<Args>(args)...) {}
+    BasicLocalServer(const BasicLocalServer &) = delete;
+    BasicLocalServer &operator=(const BasicLocalServer &) = delete;
+    ~BasicLocalServer() { stop(); }
 
-    httplib::Server &server() { return server_; }
+    Server &server() { return server_; }
 
     void start(int port = 0)
     {
@@ -41,7 +43,8 @@ public:
     std::string url(const std::string &path) const { return base() + path; }
 
 private:
-    httplib::Server server_;
+    Server server_;
     int port_ = 0;
     std::thread thread_;
 };
+using LocalServer = BasicLocalServer<httplib::Server>;
