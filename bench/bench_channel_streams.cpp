@@ -14,6 +14,7 @@
 #include "hls_demux.h"
 #include "hls_demux_stream.h"
 #include "local_server.h"
+#include "sniff_rules.h"
 
 namespace {
 
@@ -47,25 +48,9 @@ size_t rescanning_writer(char *ptr, size_t size, size_t nmemb, void *arg)
     probe->data = (uint8_t *)realloc(probe->data, probe->size + n);
     memcpy(probe->data + probe->size, ptr, n);
     probe->size += (uint32_t)n;
-    const uint8_t *b = probe->data;
-    size_t length = probe->size;
-    if (length < 3)
-        return n;
-    if (memcmp(b, "FLV", 3) == 0)
-        return 0;
-    if (length >= 564) {
-        size_t offset = 0;
-        while (offset < length && b[offset] == 0x47)
-            offset += 188;
-        if (offset >= length)
-            return 0;
-    }
-    if (length < 7)
-        return n;
-    for (size_t i = 0; i + 7 <= length; ++i)
-        if (memcmp(b + i, "#EXTM3U", 7) == 0)
-            return 0;
-    return length > 4096 ? 0 : n;
+    bool more;
+    sniff_rules(probe->data, probe->size, probe->protocol, more);
+    return more ? n : 0;
 }
 
 void BM_ProbeSniffer(benchmark::State &state) { feed(state, protocol_writer); }
