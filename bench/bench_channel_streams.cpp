@@ -6,9 +6,7 @@
 #include <benchmark/benchmark.h>
 #include <string.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 
 #include "HLSClientLib.h"
 #include "bench_support.h"
@@ -16,10 +14,9 @@
 #include "hls_demux.h"
 #include "hls_demux_stream.h"
 #include "local_server.h"
+#include "sniff_rules.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 int32_t on_frame(int32_t, frame_info *, uint8_t *) { return 0; }
 void on_status(int32_t, int32_t) {}
@@ -51,25 +48,9 @@ size_t rescanning_writer(char *ptr, size_t size, size_t nmemb, void *arg)
     probe->data = (uint8_t *)realloc(probe->data, probe->size + n);
     memcpy(probe->data + probe->size, ptr, n);
     probe->size += (uint32_t)n;
-    const uint8_t *b = probe->data;
-    size_t length = probe->size;
-    if (length < 3)
-        return n;
-    if (memcmp(b, "FLV", 3) == 0)
-        return 0;
-    if (length >= 564) {
-        size_t offset = 0;
-        while (offset < length && b[offset] == 0x47)
-            offset += 188;
-        if (offset >= length)
-            return 0;
-    }
-    if (length < 7)
-        return n;
-    for (size_t i = 0; i + 7 <= length; ++i)
-        if (memcmp(b + i, "#EXTM3U", 7) == 0)
-            return 0;
-    return length > 4096 ? 0 : n;
+    bool more;
+    sniff_rules(probe->data, probe->size, probe->protocol, more);
+    return more ? n : 0;
 }
 
 void BM_ProbeSniffer(benchmark::State &state) { feed(state, protocol_writer); }
@@ -82,9 +63,7 @@ struct TsServer {
     LocalServer local;
     explicit TsServer(size_t total)
     {
-        std::string block(188 * 348, '\x11');
-        for (size_t at = 0; at < block.size(); at += 188)
-            block[at] = '\x47';
+        std::string block = ts_sync_prefix(188 * 348);
         local.server().Get("/ts", [block, total](const httplib::Request &, httplib::Response &res) {
             res.set_content_provider(total, "video/MP2T", [block](size_t offset, size_t length, httplib::DataSink &sink) {
                 (void)offset;
@@ -101,7 +80,7 @@ void BM_DirectTsThroughput(benchmark::State &state)
     const size_t total = size_t(256) << 20;
     TsServer server(total);
     hls_client_init(1, on_frame, on_status, nullptr);
-    hls_connect_param param = param_for(server.local.url("/ts"));
+    hls_connect_param param = make_param(server.local.url("/ts"));
     for (auto _ : state) {
         double took;
         if (!connect_until(param, [&] { return g_counted_bytes.load() >= total; }, &took))
@@ -120,7 +99,7 @@ void BM_ConnectToFirstByte(benchmark::State &state)
 {
     TsServer server(size_t(64) << 20);
     hls_client_init(1, on_frame, on_status, nullptr);
-    hls_connect_param param = param_for(server.local.url("/ts"));
+    hls_connect_param param = make_param(server.local.url("/ts"));
     for (auto _ : state) {
         double took;
         if (!connect_until(param, [] { return g_counted_bytes.load() > 0; }, &took))
@@ -136,7 +115,7 @@ BENCHMARK(BM_ConnectToFirstByte)->UseManualTime()->Unit(benchmark::kMillisecond)
 void BM_DisconnectDuringRetryPause(benchmark::State &state)
 {
     hls_client_init(1, on_frame, on_status, nullptr);
-    hls_connect_param param = param_for("http://127.0.0.1:1/"); // refused
+    hls_connect_param param = make_param("http://127.0.0.1:1/"); // refused
     for (auto _ : state) {
         state.PauseTiming();
         hls_client_connect(0, &param);

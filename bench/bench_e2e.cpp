@@ -21,8 +21,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr size_t kTsBody = size_t(256) << 20;
 
 int32_t ignore_frame(int32_t, frame_info *, uint8_t *) { return 0; }
@@ -38,12 +36,7 @@ LocalServer &server()
 {
     static LocalServer *local = [] {
         auto *s = new LocalServer;
-        static std::string block = [] {
-            std::string b(188 * 348, '\x11');
-            for (size_t at = 0; at < b.size(); at += 188)
-                b[at] = '\x47';
-            return b;
-        }();
+        static std::string block = ts_sync_prefix(188 * 348);
         s->server().Get("/ts", [](const httplib::Request &, httplib::Response &res) {
             res.set_content_provider(kTsBody, "video/MP2T", [](size_t offset, size_t length, httplib::DataSink &sink) {
                 size_t at = offset % block.size();
@@ -73,7 +66,7 @@ LocalServer &server()
 void BM_DirectTsLibrary(benchmark::State &state)
 {
     hls_client_init(1, ignore_frame, ignore_status, nullptr);
-    hls_connect_param param = param_for(server().url("/ts"));
+    hls_connect_param param = make_param(server().url("/ts"));
     for (auto _ : state) {
         double took;
         if (!connect_until(param, [] { return g_counted_bytes.load() >= kTsBody; }, &took))
@@ -101,7 +94,7 @@ void BM_DirectTsPlainLibcurl(benchmark::State &state)
             curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &got) != CURLE_OK || got != curl_off_t(kTsBody))
             state.SkipWithError("plain transfer failed");
         curl_easy_cleanup(curl);
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kTsBody));
 }
@@ -112,7 +105,7 @@ void BM_DisconnectDuringSegmentDownload(benchmark::State &state)
 {
     g_release = false;
     hls_client_init(1, ignore_frame, ignore_status, nullptr);
-    hls_connect_param param = param_for(server().url("/hold.m3u8"));
+    hls_connect_param param = make_param(server().url("/hold.m3u8"));
     for (auto _ : state) {
         double took;
         if (!connect_until(param, [] { return g_counted_bytes.load() > 0; }, &took))
@@ -120,7 +113,7 @@ void BM_DisconnectDuringSegmentDownload(benchmark::State &state)
         std::this_thread::sleep_for(std::chrono::milliseconds(200)); // inside the held transfer
         auto start = Clock::now();
         hls_client_disconnect(0);
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
     }
     hls_client_destroy();
     g_release = true;

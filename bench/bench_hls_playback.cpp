@@ -12,12 +12,11 @@
 #include <thread>
 
 #include "HLSClientLib.h"
+#include "client_helpers.h"
 #include "counting_demux.h"
 #include "local_server.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 int32_t ignore_frame(int32_t, frame_info *, uint8_t *) { return 0; }
 void ignore_status(int32_t, int32_t) {}
@@ -49,11 +48,7 @@ void serve(LocalServer &server)
 
 void connect(int32_t channel, const std::string &url)
 {
-    hls_connect_param p;
-    memset(&p, 0, sizeof(p));
-    snprintf(p.url, sizeof(p.url), "%s", url.c_str());
-    p.connect_timeout = 5;
-    p.timeout = 5;
+    hls_connect_param p = make_param(url);
     hls_client_connect(channel, &p);
 }
 
@@ -68,7 +63,7 @@ void first_segment_bytes(benchmark::State &state, const char *path)
         connect(0, server.url(path));
         while (g_counted_bytes.load() == before)
             std::this_thread::sleep_for(std::chrono::microseconds(100));
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
         hls_client_disconnect(0);
     }
     hls_client_destroy();
@@ -90,7 +85,7 @@ void BM_DisconnectDuringRetryWait(benchmark::State &state)
         std::this_thread::sleep_for(std::chrono::milliseconds(500)); // inside the wait
         auto start = Clock::now();
         hls_client_disconnect(0);
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds_between(start, Clock::now()));
     }
     hls_client_destroy();
 }

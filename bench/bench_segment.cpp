@@ -38,9 +38,7 @@ LocalServer &server()
 
 void BM_TsDownloader(benchmark::State &state)
 {
-    hls_connect_param param{};
-    snprintf(param.url, sizeof(param.url), "%s", server().url("/seg.ts").c_str());
-    param.connect_timeout = 5;
+    hls_connect_param param = make_param(server().url("/seg.ts"), 0, 0);
     void *demux = ts_demux_new(nullptr, nullptr);
     ts_downloader *dl = ts_downloader_new(demux, nullptr);
     for (auto _ : state) {

@@ -8,43 +8,7 @@
 
 #include <string>
 
-#include "hls_demux_stream.h"
-
-namespace {
-// The decision the sniffer must take on the accumulated bytes: the protocol,
-// and whether to go on receiving.
-void expected(const std::string &b, int32_t &protocol, bool &more)
-{
-    size_t n = b.size();
-    protocol = HLS_PROTOCOL_UNKNOWN;
-    more = true;
-    if (n < 3)
-        return;
-    if (b.compare(0, 3, "FLV") == 0) {
-        protocol = HLS_PROTOCOL_FLV;
-        more = false;
-        return;
-    }
-    if (n >= 564) {
-        bool ts = true;
-        for (size_t at = 0; at < n && ts; at += 188)
-            ts = (uint8_t)b[at] == 0x47;
-        if (ts) {
-            protocol = HLS_PROTOCOL_TS;
-            more = false;
-            return;
-        }
-    }
-    if (n < 7)
-        return;
-    if (b.find("#EXTM3U") != std::string::npos) {
-        protocol = HLS_PROTOCOL_M3U8;
-        more = false;
-        return;
-    }
-    more = n <= 4096;
-}
-} // namespace
+#include "sniff_rules.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -64,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         at += want;
         int32_t protocol;
         bool more;
-        expected(seen, protocol, more);
+        sniff_rules((const uint8_t *)seen.data(), seen.size(), protocol, more);
         if (probe.protocol != protocol || (taken == want) != more || (more && taken != want))
             abort();
         if (probe.size != seen.size() || memcmp(probe.data, seen.data(), seen.size()) != 0)

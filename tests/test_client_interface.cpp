@@ -3,7 +3,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 
-#include "channel_stream_fixture.h"
+#include "channel_stream.h"
 
 namespace {
 
@@ -21,11 +21,7 @@ TEST(ClientInterface, CallsBeforeInitAfterDestroyOrAfterRefusedInitGiveNotInitia
     };
     EXPECT_EQ(hls_client_destroy(), 0);
     refused("never initialised");
-    struct Case {
-        int32_t channels;
-        hls_frame_cb frame;
-        hls_status_cb status;
-    } bad[] = {
+    struct Case { int32_t channels; hls_frame_cb frame; hls_status_cb status; } bad[] = {
         {0, test_host::frame_cb, test_host::status_cb},  {-1, test_host::frame_cb, test_host::status_cb},
         {INT32_MIN, test_host::frame_cb, test_host::status_cb}, {1, nullptr, test_host::status_cb},
         {1, test_host::frame_cb, nullptr},

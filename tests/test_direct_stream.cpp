@@ -4,7 +4,7 @@
 // pause that a disconnect cuts short (and that a host function of the same
 // name as the library's sleep does not replace); a demultiplexer that cannot
 // be created ends the channel, on any path.
-#include "channel_stream_fixture.h"
+#include "channel_stream.h"
 
 // The host's own hal_usleep, exported from this executable: it only counts,
 // so a library whose pauses called it would retry at once.
@@ -19,13 +19,8 @@ namespace {
 
 // Channel 0 plays the TS stream at /ts, channel 1 the FLV stream at /flv.
 // Their lengths differ so that the two channels log at different moments.
-struct Kind {
-    const char *path;
-    bool flv;
-    std::string prefix;
-    const char *function; // reporting function of the transfer messages
-    size_t frames;
-};
+// `function` reports their transfer messages.
+struct Kind { const char *path; bool flv; std::string prefix; const char *function; size_t frames; };
 const Kind kKinds[] = {
     {"/ts", false, ts_sync_prefix(), "download_data_by_ts", 20},
     {"/flv", true, "FLV\x01\x05" + std::string(20, '\0'), "download_data_by_flv", 40},

@@ -72,10 +72,7 @@ TEST(FrameQueue, FramesAreCountedListedAndTakenInInputOrderByTheVideoRule)
     // Video is the type with bit 24 ignored; words 3 and 4 both hold
     // plausible lengths, and only the one of the frame's layout is right.
     // The dump shows word 3 as pts for video and word 2 for the rest.
-    struct Case {
-        uint32_t type;
-        bool video;
-    } cases[] = {
+    struct Case { uint32_t type; bool video; } cases[] = {
         {0xf8010000u, true},  {0xf9010000u, true},  {0xf8010001u, false}, {0xfa010000u, false},
         {0x78010000u, false}, {0xf8000000u, false}, {0x00000000u, false}, {0xf9010100u, false},
     };

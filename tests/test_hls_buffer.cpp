@@ -10,9 +10,7 @@ TEST(HlsBuffer, GrowsInWholeStepsOnlyWhenNeeded)
 {
     EXPECT_EQ(hls_buffer_new(0), nullptr);
 
-    struct Case {
-        uint32_t capacity, filled, appended, expect_capacity;
-    } cases[] = {
+    struct Case { uint32_t capacity, filled, appended, expect_capacity; } cases[] = {
         {65536, 65535, 2, 131072}, // one byte over: next step
         {65536, 65535, 1, 65536},  // exactly full: no growth
         {100, 0, 200, 65536},      // small block grows to the first step

@@ -14,10 +14,7 @@ constexpr uint32_t kMax = 0xFFFFFFFFu;
 
 TEST(HlsPacingDecisions, LateAndEarlySegmentComparisonsWrapAt32Bits)
 {
-    struct Case {
-        uint32_t last, duration, now;
-        int32_t late, early;
-    } cases[] = {
+    struct Case { uint32_t last, duration, now; int32_t late, early; } cases[] = {
         // A 6 s segment 2 s after the mark is held until 5980 ms after it.
         {1000, 6000, 3000, 0, 1},         {1000, 6000, 6979, 0, 1},         {1000, 6000, 6980, 0, 0},
         {1000, 6000, 7000, 0, 0},         {1000, 6000, 7001, 1, 0},         {1000, 0, 1000, 0, 0},
@@ -56,13 +53,7 @@ TEST(HlsPacingDecisions, ReceiveCapFromFirstSegmentAndLateRaise)
 TEST(HlsPacingDecisions, FrameRateTakenFromKeyFramesOnly)
 {
     const uint32_t key = HLS_FRAME_TYPE_VIDEO_KEY, other = HLS_FRAME_TYPE_VIDEO_OTHER;
-    struct Case {
-        int32_t current;
-        uint32_t type;
-        uint8_t rate;
-        uint16_t frac;
-        int32_t expect;
-    } cases[] = {
+    struct Case { int32_t current; uint32_t type; uint8_t rate; uint16_t frac; int32_t expect; } cases[] = {
         {30, key, 29, 970, 30}, {30, key, 25, 0, 25},  {25, key, 0, 0, 30},       {25, key, 0, 500, 1},
         {25, key, 24, 499, 24}, {25, key, 255, 65535, 256},
         // Other video frames keep whatever rate was last seen.
@@ -80,11 +71,7 @@ TEST(HlsPacingDecisions, FrameRateTakenFromKeyFramesOnly)
 
 TEST(HlsPacingDecisions, QueueDepthNudgesTheRateInWholeSteps)
 {
-    struct Case {
-        int32_t rate;
-        uint32_t queued;
-        int32_t expect;
-    } cases[] = {
+    struct Case { int32_t rate; uint32_t queued; int32_t expect; } cases[] = {
         {30, 30, 30},  {30, 119, 30}, {30, 120, 30}, {30, 124, 30}, {30, 125, 31},
         {30, 200, 46}, {30, 319, 69}, {30, 320, 70}, {30, 100000, 70},
         {30, 29, 30},  {30, 26, 30},  {30, 25, 29},  {30, 21, 29},  {30, 20, 28},
@@ -103,12 +90,7 @@ TEST(HlsPacingDecisions, PeriodAndNextTickOnTheSecondGrid)
     const uint32_t periods[] = {33333333, 21739130, 40000000, 1000000000, 1000000000, 1000000000};
     for (size_t i = 0; i < 6; ++i)
         EXPECT_EQ(hls_frame_period_ns(rates[i]), periods[i]) << rates[i];
-    struct Case {
-        long nsec;
-        uint32_t period;
-        time_t sec_out;
-        long nsec_out;
-    } cases[] = {
+    struct Case { long nsec; uint32_t period; time_t sec_out; long nsec_out; } cases[] = {
         {0, 40000000, 10, 40000000}, // strictly after: not "now"
         {39999999, 40000000, 10, 40000000},
         {40000000, 40000000, 10, 80000000},

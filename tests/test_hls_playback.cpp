@@ -5,7 +5,7 @@
 // channels so that the real 5-second waits run side by side.
 #include <sys/prctl.h>
 
-#include "channel_stream_fixture.h"
+#include "channel_stream.h"
 #include "hls_demux.h"
 #include "ts_downloader.h"
 

@@ -3,15 +3,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
-
-#include <httplib.h>
 
 #include "hls_host_demux.h"
 #include "hls_transfer.h"
+#include "local_server.h"
 #include "m3u8_downloader.h"
 #include "stderr_capture.h"
 #include "test_host.h"
@@ -22,9 +19,7 @@ namespace {
 // A throw-away self-signed certificate for 127.0.0.1 and localhost, a TLS
 // server using it, and CA paths of every kind in one temporary directory.
 std::string dir;
-std::unique_ptr<httplib::SSLServer> server;
-std::thread thread;
-int port = 0;
+std::unique_ptr<BasicLocalServer<httplib::SSLServer>> local;
 
 std::string at(const char *name) { return dir + "/" + name; }
 
@@ -42,37 +37,27 @@ protected:
             " 2>/dev/null && mkdir hashed empty && ln -s ../cert.pem hashed/$(openssl x509 -hash -noout -in cert.pem).0"
             " && ln -s hashed link && ln -s cert.pem file-link && ln -s gone dangling && mkfifo fifo";
         ASSERT_EQ(system(script.c_str()), 0);
-        server.reset(new httplib::SSLServer(at("cert.pem").c_str(), at("key.pem").c_str()));
-        ASSERT_TRUE(server->is_valid());
-        server->Get("/pl", [](const httplib::Request &, httplib::Response &res) {
+        local.reset(new BasicLocalServer<httplib::SSLServer>(at("cert.pem").c_str(), at("key.pem").c_str()));
+        ASSERT_TRUE(local->server().is_valid());
+        local->server().Get("/pl", [](const httplib::Request &, httplib::Response &res) {
             res.set_content("#EXTM3U\n", "application/vnd.apple.mpegurl");
         });
-        server->Get("/seg.ts", [](const httplib::Request &, httplib::Response &res) {
+        local->server().Get("/seg.ts", [](const httplib::Request &, httplib::Response &res) {
             res.set_content(std::string(3000, 't'), "video/mp2t");
         });
-        port = server->bind_to_any_port("127.0.0.1");
-        ASSERT_GT(port, 0);
-        thread = std::thread([] { server->listen_after_bind(); });
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!server->is_running() && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        local->start();
     }
 
     static void TearDownTestSuite()
     {
-        if (thread.joinable()) {
-            server->stop();
-            thread.join();
-        }
-        server.reset();
+        local.reset();
         ASSERT_EQ(system(("rm -rf " + dir).c_str()), 0);
     }
 };
 
 hls_connect_param param(const std::string &scheme, const char *path)
 {
-    hls_connect_param p{};
-    snprintf(p.url, sizeof(p.url), "%s://127.0.0.1:%d%s", scheme.c_str(), port, path);
+    hls_connect_param p = make_param(scheme + "://127.0.0.1:" + std::to_string(local->port()) + path);
     // Both ends of every handshake run in this process, and the client also
     // reads the system's whole CA bundle (libcurl's default CA file stays
     // set beside a CA directory). Under an emulator on a busy machine that
@@ -86,12 +71,9 @@ hls_connect_param param(const std::string &scheme, const char *path)
 
 TEST_F(Https, CaPathKindDecidesVerificationOfPlaylistAndSegmentTransfers)
 {
-    // check: what check_ca_path_valid returns and stores (7: left untouched).
-    struct Case {
-        std::string ca_path; // empty: none at all
-        const char *scheme;
-        int32_t check, is_dir, expect;
-    } cases[] = {
+    // check: what check_ca_path_valid returns and stores (7: left untouched);
+    // an empty ca_path: none at all.
+    struct Case { std::string ca_path; const char *scheme; int32_t check, is_dir, expect; } cases[] = {
         {at("cert.pem"), "https", 1, 0, 1},  // the certificate as CA file
         {at("file-link"), "https", 1, 0, 1}, // a symbolic link to it
         {at("hashed"), "https", 1, 1, 1},    // a CA directory holding it

@@ -11,7 +11,6 @@
 #include "stderr_capture.h"
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -63,10 +62,7 @@ protected:
     }
     int32_t prepare(const std::string &url, int32_t timeout = 5, int32_t ip_resolve = 0)
     {
-        hls_connect_param p{};
-        snprintf(p.url, sizeof(p.url), "%s", url.c_str());
-        p.connect_timeout = 2;
-        p.timeout = timeout;
+        hls_connect_param p = make_param(url, 0, timeout);
         p.ip_resolve = ip_resolve;
         return m3u8_downloader_prepare(d, &p);
     }
@@ -90,12 +86,8 @@ TEST_F(M3u8Downloader, OnlyFinalStatusTwoHundredSucceedsAndFailuresSayWhy)
         std::string line = "m3u8_downloader_prepare>: curl_easy_perform(" + url + ") failed! ret:";
         return code ? line + std::to_string(code) + "-" + curl_easy_strerror(code) + "\n" : line;
     };
-    struct Case {
-        std::string url;
-        int32_t timeout, ip_resolve, result;
-        std::string body, message; // message: the one error line, or none at all
-        double at_least;
-    } cases[] = {
+    // message: the one error line, or none at all.
+    struct Case { std::string url; int32_t timeout, ip_resolve, result; std::string body, message; double at_least; } cases[] = {
         {local.url("/pl"), 5, 0, 1, kPlaylist, "", 0},
         {local.url("/empty"), 5, 0, 1, "", "", 0},
         {local.url("/r1"), 5, 0, 1, kPlaylist, "", 0}, // redirect chain ending in 200

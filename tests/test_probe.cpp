@@ -5,7 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "channel_stream_fixture.h"
+#include "channel_stream.h"
 #include "hls_demux.h"
 #include "hls_demux_stream.h"
 
@@ -18,12 +18,8 @@ TEST(ProbeSniffer, DecidesOnAccumulatedBytesAtEachBoundary)
     const std::string ts = ts_sync_prefix(752);
     auto edit = [](std::string s, size_t at, const std::string &with) { return s.replace(at, with.size(), with); };
 
-    struct Case {
-        const char *what;
-        std::vector<std::string> pieces;
-        int stop_at;      // piece after which the writer returned 0; -1: never
-        int32_t protocol; // HLS_PROTOCOL_*
-    } cases[] = {
+    // stop_at: the piece after which the writer returned 0 (-1: never).
+    struct Case { const char *what; std::vector<std::string> pieces; int stop_at; int32_t protocol; } cases[] = {
         {"FLV at once", {"FLV\x01"}, 0, HLS_PROTOCOL_FLV},
         {"FLV one byte at a time", {"F", "L", "V"}, 2, HLS_PROTOCOL_FLV},
         {"FL then not V", {"FL", "X", junk(20)}, -1, HLS_PROTOCOL_UNKNOWN},
@@ -86,11 +82,7 @@ TEST_F(ProbeAttempt, SniffedBytesWinAndTheContentTypeDecidesOtherwise)
     StderrCapture err;
     Site site;
     const size_t kEndless = SIZE_MAX;
-    struct Case {
-        const char *path;
-        Reply reply;
-        int32_t protocol;
-    } cases[] = {
+    struct Case { const char *path; Reply reply; int32_t protocol; } cases[] = {
         {"/ts563", {ts_sync_prefix(563), "text/html"}, HLS_PROTOCOL_UNSUPPORTED},
         {"/ts564", {ts_sync_prefix(564), "text/html"}, HLS_PROTOCOL_TS},
         {"/fl", {"FLX" + junk(100), "video/MP2T"}, HLS_PROTOCOL_TS},

@@ -14,7 +14,6 @@
 #include "ts_downloader.h"
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -85,15 +84,12 @@ protected:
     // so that a segment transfer that obeyed them would show.
     int32_t fetch(const std::string &path, uint32_t duration_ms, double *seconds = nullptr)
     {
-        hls_connect_param p{};
-        snprintf(p.url, sizeof(p.url), "%s", local.url(path).c_str());
-        p.connect_timeout = 2;
-        p.timeout = 1;
+        hls_connect_param p = make_param(local.url(path), 0, 1);
         p.ip_resolve = 2;
         auto start = Clock::now();
         int32_t r = ts_downloader_prepare(dl, &p, duration_ms);
         if (seconds)
-            *seconds = std::chrono::duration<double>(Clock::now() - start).count();
+            *seconds = seconds_between(start, Clock::now());
         return r;
     }
 };
@@ -121,12 +117,7 @@ TEST_F(TsDownloader, FailedTransfersEndInTimeAndKeepWhatTheyFed)
                                ", CURLINFO_RESPONSE_CODE): 404\n",
                       timed_out = perform("/seg?stall", CURLE_OPERATION_TIMEDOUT), stalled = segment.substr(0, 500);
     // The time limit is twice the duration, at least 1 s, in 32-bit arithmetic.
-    struct Case {
-        const char *path;
-        uint32_t duration_ms;
-        std::string fed, message;
-        double at_least;
-    } cases[] = {
+    struct Case { const char *path; uint32_t duration_ms; std::string fed, message; double at_least; } cases[] = {
         {"/half", 4000, std::string(4000, 'h'), perform("/half", CURLE_PARTIAL_FILE), 0},
         {"/missing", 4000, "not here", status, 0},
         {"/seg?stall", 400, stalled, timed_out, 0.95},         // 800 ms raised to 1000

@@ -8,9 +8,9 @@
 // Exit status 0 when no violation was seen, 1 otherwise, 2 for bad usage.
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "HLSClientLib.h"
+#include "client_helpers.h"
 
 namespace {
 
@@ -81,22 +82,16 @@ long arg_long(const char *text, const char *name)
 
 int main(int argc, char **argv)
 {
-    long seconds = 60, channels = 16, threads = 4, limit_ms = 12000;
-    unsigned long seed = (unsigned long)time(nullptr);
+    long seconds = 60, channels = 16, threads = 4, limit_ms = 12000, seed = (long)time(nullptr);
+    const std::pair<const char *, long *> options[] = {{"--seconds", &seconds}, {"--channels", &channels},
+                                                       {"--threads", &threads}, {"--seed", &seed},
+                                                       {"--disconnect-limit-ms", &limit_ms}};
     std::vector<std::string> urls;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
-        bool has_value = i + 1 < argc;
-        if (a == "--seconds" && has_value)
-            seconds = arg_long(argv[++i], "--seconds");
-        else if (a == "--channels" && has_value)
-            channels = arg_long(argv[++i], "--channels");
-        else if (a == "--threads" && has_value)
-            threads = arg_long(argv[++i], "--threads");
-        else if (a == "--seed" && has_value)
-            seed = (unsigned long)arg_long(argv[++i], "--seed");
-        else if (a == "--disconnect-limit-ms" && has_value)
-            limit_ms = arg_long(argv[++i], "--disconnect-limit-ms");
+        auto option = std::find_if(std::begin(options), std::end(options), [&](const auto &o) { return a == o.first; });
+        if (option != std::end(options) && i + 1 < argc)
+            *option->second = arg_long(argv[++i], option->first);
         else if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
             fprintf(stderr, "unknown option %s\n", a.c_str());
             return 2;
@@ -122,7 +117,7 @@ int main(int argc, char **argv)
     std::vector<std::thread> workers;
     for (long t = 0; t < threads; ++t) {
         workers.emplace_back([&, t] {
-            std::mt19937_64 rng(seed * 7919 + (unsigned long)t);
+            std::mt19937_64 rng((unsigned long)seed * 7919 + (unsigned long)t);
             while (std::chrono::steady_clock::now() < end) {
                 // Each host thread drives the channels congruent to its number,
                 // so a channel is never connected by two threads at once.
@@ -130,12 +125,8 @@ int main(int argc, char **argv)
                 if (span <= 0)
                     return;
                 int32_t channel = (int32_t)(t + threads * (long)(rng() % (uint64_t)span));
-                hls_connect_param param;
-                memset(&param, 0, sizeof(param));
-                snprintf(param.url, sizeof(param.url), "%s", urls[rng() % urls.size()].c_str());
-                param.connect_timeout = 2;
-                param.timeout = 3;
-                param.low_bandwidth = (int32_t)(rng() % 2);
+                const std::string &url = urls[rng() % urls.size()];
+                hls_connect_param param = make_param(url, (int32_t)(rng() % 2), 3);
                 int32_t r = hls_client_connect(channel, &param);
                 if (r != 0) {
                     errors.fetch_add(1);

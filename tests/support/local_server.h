@@ -1,33 +1,33 @@
-// A real HTTP server on 127.0.0.1 for tests: register handlers on server(),
-// call start(), build URLs with url(). It binds a free loopback port and
-// stops itself when the object goes out of scope.
+// A real HTTP (or, with httplib::SSLServer, HTTPS) server on 127.0.0.1 for
+// tests and benchmarks: register handlers on server(), call start(), build
+// URLs with url(). It binds a free loopback port (or the one given) and stops
+// itself when it goes out of scope.
 #pragma once
 
 #include <httplib.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <string>
-#include <thread>
+#include <utility>
 
-class LocalServer {
+#include "client_helpers.h"
+
+template <class Server> class BasicLocalServer {
 public:
-    LocalServer() = default;
-    LocalServer(const LocalServer &) = delete;
-    LocalServer &operator=(const LocalServer &) = delete;
-    ~LocalServer() { stop(); }
+    template <class... Args> explicit BasicLocalServer(Args &&...args) : server_(std::forward<Args>(args)...) {}
+    BasicLocalServer(const BasicLocalServer &) = delete;
+    BasicLocalServer &operator=(const BasicLocalServer &) = delete;
+    ~BasicLocalServer() { stop(); }
 
-    httplib::Server &server() { return server_; }
+    Server &server() { return server_; }
 
-    void start()
+    void start(int port = 0)
     {
-        port_ = server_.bind_to_any_port("127.0.0.1");
+        port_ = port == 0 ? server_.bind_to_any_port("127.0.0.1") : server_.bind_to_port("127.0.0.1", port) ? port : -1;
         if (port_ <= 0)
             throw std::runtime_error("cannot bind a loopback port");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!server_.is_running() && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        wait_until([this] { return server_.is_running(); }, std::chrono::seconds(5), std::chrono::milliseconds(1));
     }
 
     void stop()
@@ -43,7 +43,8 @@ public:
     std::string url(const std::string &path) const { return base() + path; }
 
 private:
-    httplib::Server server_;
+    Server server_;
     int port_ = 0;
     std::thread thread_;
 };
+using LocalServer = BasicLocalServer<httplib::Server>;

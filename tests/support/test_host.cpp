@@ -85,17 +85,6 @@ std::string received_bytes(bool flv)
     return all;
 }
 
-bool wait_for(const std::function<bool()> &pred, std::chrono::milliseconds timeout)
-{
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 int32_t frame_cb(int32_t channel, frame_info *info, uint8_t *data)
 {
     HostEvent e{HostEvent::Frame};

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "HLSClientLib.h"
+#include "client_helpers.h"
 
 struct HostEvent {
     enum Kind { Status, Frame, Put, DemuxNew, DemuxFree };
@@ -43,8 +44,7 @@ size_t status_count(int32_t channel, int32_t status);
 size_t frame_count(int32_t channel);
 // Concatenation of every piece the demultiplexers of one kind received.
 std::string received_bytes(bool flv);
-// Polls `pred` until it holds or `timeout` passes; returns its last value.
-bool wait_for(const std::function<bool()> &pred, std::chrono::milliseconds timeout);
+inline bool wait_for(const std::function<bool()> &pred, std::chrono::milliseconds timeout) { return wait_until(pred, timeout); }
 
 // Host callbacks to give to hls_client_init.
 int32_t frame_cb(int32_t channel, frame_info *info, uint8_t *data);

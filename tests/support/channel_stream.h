@@ -1,11 +1,10 @@
-// Helpers shared by the channel-stream tests: connect parameters, stream
-// builders, a scripted local server that logs every request, and a fixture
-// that sets the library up with the recording host.
+// Helpers shared by the channel-stream tests: stream builders, a scripted
+// local server that logs every request, and a fixture that sets the library
+// up with the recording host.
 #pragma once
 
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
@@ -14,9 +13,8 @@
 #include <memory>
 #include <mutex>
 
-#include <httplib.h>
-
-#include "HLSClientLib.h"
+#include "client_helpers.h"
+#include "local_server.h"
 #include "stderr_capture.h"
 #include "test_host.h"
 
@@ -27,32 +25,6 @@
 extern "C" const char *__tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-inline hls_connect_param make_param(const std::string &url, int32_t low_bandwidth = 0)
-{
-    hls_connect_param param{};
-    snprintf(param.url, sizeof(param.url), "%s", url.c_str());
-    param.low_bandwidth = low_bandwidth;
-    param.connect_timeout = 2;
-    param.timeout = 5;
-    return param;
-}
-
-inline double seconds_between(Clock::time_point from, Clock::time_point to)
-{
-    return std::chrono::duration<double>(to - from).count();
-}
-
-// `bytes` bytes of 188-byte packets that start with the MPEG-TS sync byte (564
-// is what the probe needs to call a body MPEG-TS). The filler holds no "TFRM".
-inline std::string ts_sync_prefix(size_t bytes = 564)
-{
-    std::string prefix(bytes, '\x11');
-    for (size_t at = 0; at < bytes; at += 188)
-        prefix[at] = '\x47';
-    return prefix;
-}
 
 // The i-th streamed test frame, alone or wrapped in a transport packet so that
 // a stream of them keeps the sync byte at every packet start.
@@ -130,19 +102,14 @@ class Site {
 public:
     explicit Site(Script fallback = [](int) { return Reply{"missing", "text/plain", 404}; }, int port = 0) : fallback_(fallback)
     {
-        server_.new_task_queue = [] { return new httplib::ThreadPool(48); };
-        server_.Get(".*", [this](const httplib::Request &rq, httplib::Response &rs) { serve(rq, rs); });
-        port_ = port == 0 ? server_.bind_to_any_port("127.0.0.1") : server_.bind_to_port("127.0.0.1", port) ? port : -1;
-        if (port_ <= 0)
-            throw std::runtime_error("cannot bind a loopback port");
-        thread_ = std::thread([this] { server_.listen_after_bind(); });
-        test_host::wait_for([this] { return server_.is_running(); }, 5s);
+        local_.server().new_task_queue = [] { return new httplib::ThreadPool(48); };
+        local_.server().Get(".*", [this](const httplib::Request &rq, httplib::Response &rs) { serve(rq, rs); });
+        local_.start(port);
     }
     ~Site()
     {
         closing_ = true;
-        server_.stop();
-        thread_.join();
+        local_.stop();
     }
 
     void on(const std::string &target, Script script)
@@ -158,7 +125,7 @@ public:
         on(target, [body](int hit) { return Reply{body, "application/vnd.apple.mpegurl", 200, hit > 2 ? 15 : 0}; });
     }
 
-    std::string url(const std::string &target) const { return "http://127.0.0.1:" + std::to_string(port_) + target; }
+    std::string url(const std::string &target) const { return local_.url(target); }
     // Request times of `target`, in order.
     std::vector<Clock::time_point> times(const std::string &target)
     {
@@ -230,9 +197,7 @@ private:
         });
     }
 
-    httplib::Server server_;
-    int port_;
-    std::thread thread_;
+    LocalServer local_;
     Script fallback_;
     std::mutex lock_;
     std::map<std::string, Script> scripts_;
