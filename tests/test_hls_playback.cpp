@@ -81,6 +81,32 @@ std::vector<std::string> payloads_of(int channel)
 
 bool wait(const std::function<bool()> &pred) { return test_host::wait_for(pred, 10s); }
 
+// Waits for `done`; in torture mode also for `progressed` (the same point
+// without the frame count, as a refused frame is lost) or for the channel's
+// download thread to have ended on its own.
+bool settled(int ch, const std::function<bool()> &done, const std::function<bool()> &progressed)
+{
+    const std::string thread = "httpdown[" + std::to_string(ch) + "]";
+    return wait([&] { return done() || (torture_mode() && (progressed() || !thread_named(thread))); });
+}
+
+// Torture mode: whatever allocation the channel lost, it delivered some of
+// the frames of an undisturbed run in their order, never one twice; it
+// reported at most a start and then a stop; and it ends when disconnected.
+void expect_tortured_channel_holds(int ch, const std::vector<std::string> &frames)
+{
+    auto next = frames.begin();
+    for (const std::string &payload : payloads_of(ch)) {
+        next = std::find(next, frames.end(), payload);
+        ASSERT_NE(next, frames.end()) << payload << " out of order or repeated";
+        ++next;
+    }
+    const std::vector<int32_t> before = statuses_of(ch);
+    EXPECT_TRUE(before.empty() || before == kStarted || before == kStartedStopped);
+    EXPECT_EQ(hls_client_disconnect(ch), 0);
+    EXPECT_EQ(statuses_of(ch), before.empty() ? before : kStartedStopped);
+}
+
 class HlsPlayback : public ClientTest {
 protected:
     void SetUp() override
@@ -112,7 +138,13 @@ TEST_F(HlsPlayback, MasterPlaylistChoosesVariantOnceAndJoinsItsUri)
         const std::string dir = "/" + tags[ch] + "/", variant = dir + tags[ch] + "/index.m3u8";
         // Reloads go to the chosen variant only: the first playlist is
         // fetched by the probe and the first load, never again.
-        ASSERT_TRUE(wait([&] { return site_.hits(variant) >= 3 && test_host::frame_count(ch) == 1; }));
+        ASSERT_TRUE(settled(
+            ch, [&] { return site_.hits(variant) >= 3 && test_host::frame_count(ch) == 1; },
+            [&] { return site_.hits(variant) >= 3; }));
+        if (torture_mode()) {
+            expect_tortured_channel_holds(ch, {tags[ch] + "v0"});
+            continue;
+        }
         auto fetched = site_.order(dir);
         EXPECT_EQ(std::count(fetched.begin(), fetched.end(), variant) + 3, (long)fetched.size());
         EXPECT_EQ(site_.hits(dir + "index.m3u8"), 2u);
@@ -145,7 +177,12 @@ TEST_F(HlsPlayback, MediaPlaylistFirstPlaysInOrderSkipsFailedSegmentAndReloadsHo
     site_.on("/s/seg4.ts", segment("f", 1));
     connect_to(4, site_.url("/s/index.m3u8"));
 
-    ASSERT_TRUE(wait([&] { return test_host::frame_count(4) == 7 && site_.hits("/s/index.m3u8") >= 5; }));
+    const std::vector<std::string> payloads{"gv0", "ga0", "gv1", "ga1", "lv0", "ev0", "fv0"};
+    ASSERT_TRUE(settled(
+        4, [&] { return test_host::frame_count(4) == 7 && site_.hits("/s/index.m3u8") >= 5; },
+        [&] { return site_.hits("/s/index.m3u8") >= 5; }));
+    if (torture_mode())
+        return expect_tortured_channel_holds(4, payloads);
     EXPECT_TRUE(thread_named("hls_ctrl[4]"));
     // Probe and first load; a reload once nothing is pending, none while two
     // are, another once one is left, then reloads of the host's URL; never a variant.
@@ -154,7 +191,7 @@ TEST_F(HlsPlayback, MediaPlaylistFirstPlaysInOrderSkipsFailedSegmentAndReloadsHo
                                                                 "/s/seg4.ts", "/s/index.m3u8"}));
     auto fetched = site_.order("/");
     EXPECT_EQ(std::count(fetched.begin(), fetched.end(), "/s/index.m3u8") + 5, (long)fetched.size());
-    EXPECT_EQ(payloads_of(4), (std::vector<std::string>{"gv0", "ga0", "gv1", "ga1", "lv0", "ev0", "fv0"}));
+    EXPECT_EQ(payloads_of(4), payloads);
     EXPECT_EQ(statuses_of(4), kStarted);
     // A media playlist as first playlist never sets a cap on load: the first
     // is 1.5 x seg1's bit rate (bytes x 8 x 1.5 / 2 s), the second 5/4 of it,
