@@ -449,6 +449,7 @@ uint32_t hls_monotonic_ms(void)
 }
 
 uint32_t (*hls_monotonic_ms_fn)(void) = hls_monotonic_ms;
+void (*hls_set_cap_fn)(ts_downloader *handle, uint64_t bps) = ts_downloader_set_bandwidth_bps;
 
 /* Both comparisons are plain wrapping 32-bit arithmetic on purpose: that is
  * how the pacing rules are defined. Once every 49.7 days, when the clock
@@ -767,7 +768,7 @@ int32_t parse_sub_m3u8(http_demux *hd, hls_connect_param *req)
         /* From now on refreshes fetch this variant; the cap starts again from
          * its declared bandwidth at every load, changed text or not. */
         holder->media_url_known = 1;
-        ts_downloader_set_bandwidth_bps(holder->ts_downloader, m3u8_client_get_bandwidth_bps(holder->m3u8_client));
+        hls_set_cap_fn(holder->ts_downloader, m3u8_client_get_bandwidth_bps(holder->m3u8_client));
         return HLS_STEP_SEGMENTS;
     case 1:
         HLS_LOG_ERROR("parse_sub_m3u8", "Second playlist: Incomplete M3U8 data[%s].\n",
@@ -832,14 +833,14 @@ static int32_t hls_segment_loop(http_demux *hd, hls_connect_param *req, uint32_t
         if (ts_downloader_get_bandwidth_bps(holder->ts_downloader) == 0) {
             uint64_t cap = hls_first_cap_bps(ts_downloader_get_download_bytes(holder->ts_downloader), duration_ns);
             if (cap)
-                ts_downloader_set_bandwidth_bps(holder->ts_downloader, cap);
+                hls_set_cap_fn(holder->ts_downloader, cap);
         }
 
         uint32_t now_ms = hls_monotonic_ms_fn();
         if (hls_segment_is_late(*last_ms, duration_ms, now_ms)) {
             uint64_t cap = ts_downloader_get_bandwidth_bps(holder->ts_downloader);
             if (cap)
-                ts_downloader_set_bandwidth_bps(holder->ts_downloader, hls_late_cap_bps(cap));
+                hls_set_cap_fn(holder->ts_downloader, hls_late_cap_bps(cap));
         } else if (hd->running.load() && hls_segment_is_early(*last_ms, duration_ms, now_ms)) {
             now_ms = hls_throttle(hd, holder, *last_ms, duration_ms, now_ms);
         }

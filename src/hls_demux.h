@@ -121,6 +121,10 @@ uint32_t hls_monotonic_ms(void);
 /* The millisecond clock the playback loop reads: hls_monotonic_ms unless
  * replaced. Replace it only while no HLS channel is open. */
 extern uint32_t (*hls_monotonic_ms_fn)(void);
+/* The receive-cap setter the playback loop calls on its segment downloader:
+ * ts_downloader_set_bandwidth_bps unless replaced (to watch the caps it
+ * sets). Replace it only while no HLS channel is open. */
+extern void (*hls_set_cap_fn)(ts_downloader *handle, uint64_t bps);
 
 /* 1 when a segment finished more than its duration after the last mark:
  * last_ms + duration_ms < now_ms in wrapping 32-bit arithmetic. */

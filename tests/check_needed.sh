@@ -1,7 +1,8 @@
 #!/bin/sh
 # Fails unless the library's DT_NEEDED entries are only the C++ runtime, libm,
 # libgcc_s and libc (plus a sanitizer runtime in sanitizer builds): libcurl and
-# the demultiplexers must come from the loading process.
+# the demultiplexers must come from the loading process. The SONAME must be
+# $2 (libhlsclient.so.<major version>).
 lib="$1"
 needed=$(readelf -d "$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
 [ -n "$needed" ] || { echo "no NEEDED entries read from $lib"; exit 1; }
@@ -16,5 +17,7 @@ done
 for sym in curl_easy_init ts_demux_new flv_demux_new; do
   if nm -D --defined-only "$lib" | grep -qw "$sym"; then echo "$sym is defined in the library"; status=1; fi
 done
-echo "needed: $needed"
+soname=$(readelf -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+[ "$soname" = "$2" ] || { echo "SONAME is '$soname', not '$2'"; status=1; }
+echo "needed: $needed; soname: $soname"
 exit $status

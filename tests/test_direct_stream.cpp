@@ -1,9 +1,19 @@
 // Plain MPEG-TS and FLV streams: bytes flow straight from the transfer into
 // the host demultiplexer and frames straight to the host; start and stop are
 // reported around every connection; broken transfers are retried after a
-// pause that a disconnect cuts short; a demultiplexer that cannot be created
-// ends the channel, on any path.
+// pause that a disconnect cuts short (and that a host function of the same
+// name as the library's sleep does not replace); a demultiplexer that cannot
+// be created ends the channel, on any path.
 #include "channel_stream_fixture.h"
+
+// The host's own hal_usleep, exported from this executable: it only counts,
+// so a library whose pauses called it would retry at once.
+static std::atomic<int> g_host_usleep_calls{0};
+extern "C" int32_t hal_usleep(uint32_t)
+{
+    g_host_usleep_calls++;
+    return 0;
+}
 
 namespace {
 
@@ -128,6 +138,7 @@ TEST_F(DirectStream, BrokenTransferStopsPausesAndReconnectsIntoSameDemuxUntilDis
         double pause = seconds_between(status[1].at, status[2].at);
         EXPECT_GE(pause, 4.9);
         EXPECT_LT(pause, 6.5);
+        EXPECT_EQ(g_host_usleep_calls.load(), 0);
         EXPECT_EQ(err_.count(std::string(kind.function) + ">: curl_easy_perform(" + site_.url(kind.path) + ") return error: "), 1u)
             << err_.text();
         // One demultiplexer for the life of the channel stream.

@@ -3,7 +3,6 @@
 // playlists, frame pacing, the download throttle, the receive cap and
 // disconnects at every stage. Several scenarios share one test as separate
 // channels so that the real 5-second waits run side by side.
-#include <dlfcn.h>
 #include <sys/prctl.h>
 
 #include "channel_stream_fixture.h"
@@ -22,11 +21,9 @@ std::vector<uint64_t> caps_of(int channel)
     return g_caps[channel];
 }
 
-} // namespace
-
-extern "C" void ts_downloader_set_bandwidth_bps(ts_downloader *handle, uint64_t bps)
+// Installed as the loop's cap setter for every test of this file.
+void record_cap(ts_downloader *handle, uint64_t bps)
 {
-    static auto real = (void (*)(ts_downloader *, uint64_t))dlsym(RTLD_NEXT, "ts_downloader_set_bandwidth_bps");
     char name[17] = {0};
     prctl(PR_GET_NAME, name, 0, 0, 0);
     int channel = -1;
@@ -34,10 +31,8 @@ extern "C" void ts_downloader_set_bandwidth_bps(ts_downloader *handle, uint64_t 
         std::lock_guard<std::mutex> guard(g_cap_lock);
         g_caps[channel].push_back(bps);
     }
-    real(handle, bps);
+    ts_downloader_set_bandwidth_bps(handle, bps);
 }
-
-namespace {
 
 std::string media(const std::vector<std::pair<std::string, const char *>> &segments, int sequence = 0)
 {
@@ -113,12 +108,14 @@ protected:
     {
         std::lock_guard<std::mutex> guard(g_cap_lock);
         g_caps.clear();
+        hls_set_cap_fn = record_cap;
         ClientTest::SetUp();
     }
     void TearDown() override
     {
         ClientTest::TearDown();
         hls_monotonic_ms_fn = hls_monotonic_ms;
+        hls_set_cap_fn = ts_downloader_set_bandwidth_bps;
     }
     Site site_;
 };

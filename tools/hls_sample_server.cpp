@@ -10,11 +10,13 @@
 //   /stream.flv           FLV in real time, header once, time stamps rising
 #include <httplib.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cerrno>
+#include <condition_variable>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +29,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -584,6 +587,61 @@ void serve_flv(httplib::Response &res)
     }
 }
 
+// ---- connections -----------------------------------------------------------
+
+// One thread per connection. A player keeps its connections open between
+// requests (and a stream's connection for as long as it plays), so a fixed
+// pool would hold every connection past its size back until an earlier one
+// closed. Finished threads are joined at the next connection and at shutdown.
+class ThreadPerConnection : public httplib::TaskQueue {
+public:
+    void enqueue(std::function<void()> fn) override
+    {
+        std::vector<std::thread> finished;
+        bool spawned = true;
+        {
+            std::lock_guard<std::mutex> lock(lock_);
+            finished.swap(finished_);
+            // The new thread needs the lock to move itself to finished_, so
+            // it is always in running_ by then.
+            try {
+                std::thread t([this, fn] {
+                    fn();
+                    std::lock_guard<std::mutex> done(lock_);
+                    auto self = running_.find(std::this_thread::get_id());
+                    finished_.push_back(std::move(self->second));
+                    running_.erase(self);
+                    idle_.notify_all();
+                });
+                running_.emplace(t.get_id(), std::move(t));
+            } catch (const std::system_error &) {
+                spawned = false;
+            }
+        }
+        for (std::thread &f : finished)
+            f.join();
+        if (!spawned)
+            fn(); // out of threads: served here, holding back the next accept meanwhile
+    }
+
+    void shutdown() override
+    {
+        std::unique_lock<std::mutex> lock(lock_);
+        idle_.wait(lock, [this] { return running_.empty(); });
+        std::vector<std::thread> finished;
+        finished.swap(finished_);
+        lock.unlock();
+        for (std::thread &f : finished)
+            f.join();
+    }
+
+private:
+    std::mutex lock_;
+    std::condition_variable idle_;
+    std::map<std::thread::id, std::thread> running_;
+    std::vector<std::thread> finished_;
+};
+
 // ---- routing ---------------------------------------------------------------
 
 bool parse_segment_number(const std::string &name, uint64_t &seq)
@@ -776,7 +834,15 @@ int main(int argc, char **argv)
     signal(SIGPIPE, SIG_IGN);
 
     httplib::Server svr;
-    svr.new_task_queue = [] { return new httplib::ThreadPool(48); };
+    svr.new_task_queue = [] { return new ThreadPerConnection; };
+    // Only SO_REUSEADDR: the HTTP library's default adds SO_REUSEPORT, which
+    // would let a second server bind a port that is already in use.
+    socket_t listener_sock = INVALID_SOCKET;
+    svr.set_socket_options([&listener_sock](socket_t sock) {
+        int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        listener_sock = sock;
+    });
     svr.set_keep_alive_timeout(2);
     svr.Get(".*", route);
     int port = g_opt.port;
@@ -786,9 +852,14 @@ int main(int argc, char **argv)
         port = -1;
     }
     if (port <= 0) {
-        std::fprintf(stderr, "hls-sample-server: cannot bind 127.0.0.1:%d\n", g_opt.port);
+        std::fprintf(stderr, "hls-sample-server: cannot bind 127.0.0.1:%d (in use?)\n", g_opt.port);
         return 1;
     }
+    // The HTTP library listens with a backlog of 5: a player starting dozens
+    // of channels at once would see its surplus connections dropped and
+    // retried a second or more later. Listening again only raises the backlog.
+    if (listener_sock != INVALID_SOCKET)
+        listen(listener_sock, SOMAXCONN);
     g_t0 = Clock::now();
     std::printf("port %d\n", port);
     std::printf("hls  http://127.0.0.1:%d/hls/master.m3u8\n", port);

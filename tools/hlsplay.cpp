@@ -1,14 +1,19 @@
 // hlsplay: plays one or more stream URLs through libhlsclient, one channel
 // per URL, and reports what arrived: a live status display on a terminal,
 // plain log lines otherwise, optional dumps of the frame bytes and a JSON
-// summary at exit.
+// summary at exit. Status and log lines go to standard error, data (the JSON
+// summary) to standard output. The exit status tells a script what happened:
+// 0 every channel started, 1 none did (or a set-up step failed), 2 a bad
+// command line, 3 some channels never started.
 //
 // The library calls back on its own threads, so everything a callback
 // touches is atomic or under the channel's lock, and the callbacks never call
 // into the library. Signals are taken synchronously by the main thread with
 // sigtimedwait; the library is only ever called from the main thread.
 #include <errno.h>
+#include <getopt.h>
 #include <signal.h>
+#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +30,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "HLSClientLib.h"
 
 namespace {
@@ -33,6 +40,7 @@ using Clock = std::chrono::steady_clock;
 
 struct Options {
     double seconds = 0; // 0: until SIGINT or SIGTERM
+    double stop_after_idle = 0; // 0: never; else disconnect a channel after this long without a frame
     bool low_bandwidth = false;
     long connect_timeout = 10;
     long timeout = 30;
@@ -52,6 +60,7 @@ struct Channel {
     std::atomic<uint64_t> video_frames{0}, audio_frames{0};
     std::atomic<uint64_t> video_bytes{0}, audio_bytes{0};
     std::atomic<int64_t> first_frame_ms{-1};
+    std::atomic<Clock::rep> last_frame{0}; // Clock ticks of the latest frame, 0 before the first
     std::atomic<uint32_t> stream_rate_milli{0}; // declared frame rate x 1000, from key frames
 
     std::mutex dump_lock; // guards the two files and dump_failed
@@ -59,7 +68,9 @@ struct Channel {
     FILE *audio_out = nullptr;
     bool dump_failed = false;
 
-    // Main thread only: the previous display snapshot.
+    // Main thread only: whether the channel was disconnected for idleness,
+    // and the previous display snapshot.
+    bool idle_closed = false;
     uint64_t shown_frames = 0, shown_bytes = 0, shown_video = 0;
     uint64_t shown_started = 0, shown_stopped = 0;
 };
@@ -85,6 +96,7 @@ int32_t on_frame(int32_t channel, frame_info *info, uint8_t *data)
         int64_t unset = -1;
         ch->first_frame_ms.compare_exchange_strong(unset, ms);
     }
+    ch->last_frame.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed);
     if (video) {
         ch->video_frames++;
         ch->video_bytes += length;
@@ -130,8 +142,11 @@ void usage(FILE *out)
 {
     std::fputs("usage: hlsplay [options] URL [URL ...]\n"
                "Plays each URL (MPEG-TS, FLV or HLS over http/https) on its own channel, 0 upwards.\n"
+               "Status lines go to standard error, the --json summary to standard output.\n"
                "options:\n"
                "  --seconds S          disconnect and exit after S seconds (default: until SIGINT/SIGTERM)\n"
+               "  --stop-after-idle S  disconnect a channel once no frame has arrived for S seconds\n"
+               "                       (and exit when every channel is disconnected)\n"
                "  --low-bandwidth      pick the lowest-bandwidth HLS variant (default: the highest)\n"
                "  --connect-timeout S  connection time limit, 1 to 30 seconds (default 10)\n"
                "  --timeout S          time limit of each playlist download in seconds (default 30)\n"
@@ -139,9 +154,12 @@ void usage(FILE *out)
                "  --ca-path PATH       CA certificate directory or file for https\n"
                "                       (no usable path: certificates are not verified)\n"
                "  --dump DIR           write DIR/chN.video and DIR/chN.audio: the frame bytes of each kind\n"
-               "  --json               print a JSON summary on stdout at exit (status lines go to stderr)\n"
+               "  --json               print a JSON summary on standard output at exit\n"
                "  --quiet              no status display or log lines\n"
-               "  --help               this text\n",
+               "  --version            print the version\n"
+               "  --help               this text\n"
+               "exit status: 0 every channel started, 1 none did or a set-up step failed,\n"
+               "             2 bad command line, 3 some channels never started\n",
                out);
 }
 
@@ -167,98 +185,134 @@ bool parse_seconds(const char *text, double &out)
     return true;
 }
 
-// Returns -1 to go on, otherwise the exit status.
+bool http_or_https(const std::string &url)
+{
+    for (const char *scheme : {"http://", "https://"})
+        if (strncasecmp(url.c_str(), scheme, std::strlen(scheme)) == 0)
+            return true;
+    return false;
+}
+
+enum {
+    OPT_SECONDS = 256,
+    OPT_IDLE,
+    OPT_LOW_BANDWIDTH,
+    OPT_CONNECT_TIMEOUT,
+    OPT_TIMEOUT,
+    OPT_IPV4,
+    OPT_IPV6,
+    OPT_CA_PATH,
+    OPT_DUMP,
+    OPT_JSON,
+    OPT_QUIET,
+    OPT_VERSION,
+};
+
+const struct option kOptions[] = {
+    {"seconds", required_argument, nullptr, OPT_SECONDS},
+    {"stop-after-idle", required_argument, nullptr, OPT_IDLE},
+    {"low-bandwidth", no_argument, nullptr, OPT_LOW_BANDWIDTH},
+    {"connect-timeout", required_argument, nullptr, OPT_CONNECT_TIMEOUT},
+    {"timeout", required_argument, nullptr, OPT_TIMEOUT},
+    {"ipv4", no_argument, nullptr, OPT_IPV4},
+    {"ipv6", no_argument, nullptr, OPT_IPV6},
+    {"ca-path", required_argument, nullptr, OPT_CA_PATH},
+    {"dump", required_argument, nullptr, OPT_DUMP},
+    {"json", no_argument, nullptr, OPT_JSON},
+    {"quiet", no_argument, nullptr, OPT_QUIET},
+    {"version", no_argument, nullptr, OPT_VERSION},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+const struct option *option_of(int val)
+{
+    for (const struct option *o = kOptions; o->name; o++)
+        if (o->val == val)
+            return o;
+    return nullptr;
+}
+
+// Returns -1 to go on, otherwise the exit status. getopt_long's own messages
+// are off so that every complaint names the option the same way.
 int parse_options(int argc, char **argv, Options &opt)
 {
-    bool only_urls = false;
-    for (int i = 1; i < argc; i++) {
-        std::string arg = argv[i];
-        if (only_urls || arg.empty() || arg[0] != '-') {
-            opt.urls.push_back(arg);
-            continue;
-        }
-        if (arg == "--") {
-            only_urls = true;
-            continue;
-        }
-        std::string name = arg;
-        const size_t eq = arg.find('=');
-        const bool inline_value = arg.compare(0, 2, "--") == 0 && eq != std::string::npos;
-        if (inline_value)
-            name = arg.substr(0, eq);
-        auto arg_value = [&](const char *what, const char *&out) {
-            if (inline_value) {
-                out = argv[i] + eq + 1;
-                return true;
-            }
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "hlsplay: %s needs %s\n", name.c_str(), what);
-                return false;
-            }
-            out = argv[++i];
-            return true;
-        };
-        const bool flag = name == "--low-bandwidth" || name == "--ipv4" || name == "--ipv6" ||
-                          name == "--json" || name == "--quiet" || name == "--help" || name == "-h";
-        if (flag && inline_value) {
-            std::fprintf(stderr, "hlsplay: %s takes no value\n", name.c_str());
+    opterr = 0;
+    int c;
+    while ((c = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
+        const struct option *o = option_of(c == ':' || c == '?' ? optopt : c);
+        const std::string name = o ? std::string("--") + o->name : "";
+        const char *v = optarg;
+        if (c == ':') {
+            std::fprintf(stderr, "hlsplay: %s needs a value (try --help)\n", name.c_str());
             return 2;
         }
-        const char *v = nullptr;
-        if (name == "--help" || name == "-h") {
+        if (c == '?') {
+            // A known option here was given a value it does not take.
+            if (o)
+                std::fprintf(stderr, "hlsplay: %s takes no value\n", name.c_str());
+            else
+                std::fprintf(stderr, "hlsplay: unknown option '%s' (try --help)\n", argv[optind - 1]);
+            return 2;
+        }
+        switch (c) {
+        case 'h':
             usage(stdout);
             return 0;
-        } else if (name == "--low-bandwidth") {
+        case OPT_VERSION:
+            std::printf("hlsplay %s\n", HLSCLIENT_VERSION_STRING);
+            return 0;
+        case OPT_LOW_BANDWIDTH:
             opt.low_bandwidth = true;
-        } else if (name == "--ipv4" || name == "--ipv6") {
-            int family = name == "--ipv4" ? 1 : 2;
+            break;
+        case OPT_IPV4:
+        case OPT_IPV6: {
+            int family = c == OPT_IPV4 ? 1 : 2;
             if (opt.ip_resolve != 0 && opt.ip_resolve != family) {
                 std::fprintf(stderr, "hlsplay: --ipv4 and --ipv6 exclude each other\n");
                 return 2;
             }
             opt.ip_resolve = family;
-        } else if (name == "--json") {
+            break;
+        }
+        case OPT_JSON:
             opt.json = true;
-        } else if (name == "--quiet") {
+            break;
+        case OPT_QUIET:
             opt.quiet = true;
-        } else if (name == "--seconds") {
-            if (!arg_value("a number of seconds", v))
-                return 2;
-            if (!parse_seconds(v, opt.seconds)) {
-                std::fprintf(stderr, "hlsplay: --seconds needs a number of seconds above 0, not '%s'\n", v);
+            break;
+        case OPT_SECONDS:
+        case OPT_IDLE:
+            if (!parse_seconds(v, c == OPT_SECONDS ? opt.seconds : opt.stop_after_idle)) {
+                std::fprintf(stderr, "hlsplay: %s needs a number of seconds above 0, not '%s'\n", name.c_str(), v);
                 return 2;
             }
-        } else if (name == "--connect-timeout") {
-            if (!arg_value("a number of seconds", v))
-                return 2;
+            break;
+        case OPT_CONNECT_TIMEOUT:
             if (!parse_long(v, 1, 30, opt.connect_timeout)) {
                 std::fprintf(stderr, "hlsplay: --connect-timeout needs whole seconds from 1 to 30, not '%s'\n", v);
                 return 2;
             }
-        } else if (name == "--timeout") {
-            if (!arg_value("a number of seconds", v))
-                return 2;
+            break;
+        case OPT_TIMEOUT:
             if (!parse_long(v, 1, 86400, opt.timeout)) {
                 std::fprintf(stderr, "hlsplay: --timeout needs whole seconds from 1 to 86400, not '%s'\n", v);
                 return 2;
             }
-        } else if (name == "--ca-path") {
-            if (!arg_value("a path", v))
-                return 2;
+            break;
+        case OPT_CA_PATH:
             opt.ca_path = v;
-        } else if (name == "--dump") {
-            if (!arg_value("a directory", v))
-                return 2;
+            break;
+        case OPT_DUMP:
             if (!*v) {
                 std::fprintf(stderr, "hlsplay: --dump needs a directory\n");
                 return 2;
             }
             opt.dump = v;
-        } else {
-            std::fprintf(stderr, "hlsplay: unknown option '%s' (try --help)\n", arg.c_str());
-            return 2;
+            break;
         }
     }
+    opt.urls.assign(argv + optind, argv + argc);
     if (opt.urls.empty()) {
         std::fprintf(stderr, "hlsplay: no URL given (try --help)\n");
         return 2;
@@ -274,68 +328,34 @@ int parse_options(int argc, char **argv, Options &opt)
                          u.size(), sizeof(hls_connect_param{}.url) - 1);
             return 2;
         }
+        if (!http_or_https(u)) {
+            std::fprintf(stderr, "hlsplay: URL %zu is not http:// or https://: %s\n", i + 1, u.c_str());
+            return 2;
+        }
     }
     return -1;
 }
 
-// JSON string: quotes, backslashes and control characters escaped, valid
-// UTF-8 passed through, every byte of an invalid sequence replaced by U+FFFD.
-std::string json_string(const std::string &s)
-{
-    std::string out = "\"";
-    const auto *p = reinterpret_cast<const unsigned char *>(s.data());
-    const size_t n = s.size();
-    for (size_t i = 0; i < n;) {
-        unsigned char c = p[i];
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += char(c);
-            i++;
-        } else if (c < 0x20 || c == 0x7f) {
-            char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04x", c);
-            out += buf;
-            i++;
-        } else if (c < 0x80) {
-            out += char(c);
-            i++;
-        } else {
-            size_t len = c >= 0xc2 && c <= 0xdf ? 2 : c >= 0xe0 && c <= 0xef ? 3 : c >= 0xf0 && c <= 0xf4 ? 4 : 0;
-            bool ok = len > 0 && i + len <= n;
-            for (size_t k = 1; ok && k < len; k++)
-                ok = (p[i + k] & 0xc0) == 0x80;
-            if (ok && len == 3) // no overlong forms, no surrogates
-                ok = !(c == 0xe0 && p[i + 1] < 0xa0) && !(c == 0xed && p[i + 1] >= 0xa0);
-            if (ok && len == 4)
-                ok = !(c == 0xf0 && p[i + 1] < 0x90) && !(c == 0xf4 && p[i + 1] >= 0x90);
-            if (ok) {
-                out.append(s, i, len);
-                i += len;
-            } else {
-                out += "\\ufffd";
-                i++;
-            }
-        }
-    }
-    return out + "\"";
-}
-
+// The summary: one object per channel, in channel order, with its members in
+// a fixed order. Invalid UTF-8 in a URL becomes U+FFFD, so the output is
+// always valid JSON.
 std::string summary_json()
 {
-    std::string out = "{\"channels\":[";
-    for (size_t i = 0; i < g_channels.size(); i++) {
-        const Channel &c = *g_channels[i];
-        int64_t first = c.first_frame_ms.load();
-        out += (i ? "," : "");
-        out += "{\"channel\":" + std::to_string(c.index) + ",\"url\":" + json_string(c.url) +
-               ",\"started\":" + std::to_string(c.started.load()) + ",\"stopped\":" + std::to_string(c.stopped.load()) +
-               ",\"video_frames\":" + std::to_string(c.video_frames.load()) +
-               ",\"audio_frames\":" + std::to_string(c.audio_frames.load()) +
-               ",\"video_bytes\":" + std::to_string(c.video_bytes.load()) +
-               ",\"audio_bytes\":" + std::to_string(c.audio_bytes.load()) +
-               ",\"first_frame_ms\":" + (first < 0 ? std::string("null") : std::to_string(first)) + "}";
+    nlohmann::ordered_json channels = nlohmann::ordered_json::array();
+    for (const auto &c : g_channels) {
+        int64_t first = c->first_frame_ms.load();
+        channels.push_back({{"channel", c->index},
+                            {"url", c->url},
+                            {"started", c->started.load()},
+                            {"stopped", c->stopped.load()},
+                            {"video_frames", c->video_frames.load()},
+                            {"audio_frames", c->audio_frames.load()},
+                            {"video_bytes", c->video_bytes.load()},
+                            {"audio_bytes", c->audio_bytes.load()},
+                            {"first_frame_ms", first < 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(first)}});
     }
-    return out + "]}";
+    nlohmann::ordered_json doc = {{"channels", std::move(channels)}};
+    return doc.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 const char *state_of(const Channel &c)
@@ -445,6 +465,14 @@ private:
     Clock::time_point last_ = Clock::now();
 };
 
+// Since when a channel has been without frames: its latest frame, or its
+// connect while none has arrived.
+Clock::time_point idle_since(const Channel &c)
+{
+    Clock::rep last = c.last_frame.load(std::memory_order_relaxed);
+    return last ? Clock::time_point(Clock::duration(last)) : c.connected_at;
+}
+
 bool open_dumps(const char *dir)
 {
     if (mkdir(dir, 0777) != 0 && errno != EEXIST) {
@@ -510,7 +538,7 @@ int main(int argc, char **argv)
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    Display display(opt.json ? stderr : stdout, opt.quiet);
+    Display display(stderr, opt.quiet);
     const Clock::time_point t0 = Clock::now();
     auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - t0).count(); };
 
@@ -543,12 +571,38 @@ int main(int argc, char **argv)
         const bool timed = opt.seconds > 0;
         const Clock::time_point deadline =
             t0 + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.seconds));
+        const auto idle_limit =
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.stop_after_idle));
         Clock::time_point next_tick = Clock::now() + std::chrono::seconds(1);
         for (;;) {
             Clock::time_point now = Clock::now();
             if (timed && now >= deadline)
                 break;
             Clock::time_point wake = timed ? std::min(next_tick, deadline) : next_tick;
+            if (opt.stop_after_idle > 0) {
+                // The library keeps requesting an ended presentation's
+                // playlist, so a channel that has gone quiet is closed here.
+                size_t open = 0;
+                for (auto &c : g_channels) {
+                    if (c->idle_closed)
+                        continue;
+                    Clock::time_point until = idle_since(*c) + idle_limit;
+                    if (now >= until) {
+                        char text[96];
+                        std::snprintf(text, sizeof text, "ch%d no frame for %g s, disconnecting", c->index,
+                                      opt.stop_after_idle);
+                        display.log(text, elapsed());
+                        hls_client_disconnect(c->index);
+                        c->idle_closed = true;
+                        continue;
+                    }
+                    open++;
+                    wake = std::min(wake, until);
+                }
+                if (open == 0)
+                    break;
+                now = Clock::now();
+            }
             auto wait_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wake - now).count();
             if (wait_ns < 0)
                 wait_ns = 0;
@@ -575,6 +629,17 @@ int main(int argc, char **argv)
     display.finish(elapsed());
     if (!close_dumps())
         status = 1;
+    // Channels that never started are named, so that a script can tell which
+    // of its URLs failed; the exit status says whether any did start.
+    size_t silent = 0;
+    for (auto &c : g_channels) {
+        if (c->started.load() == 0) {
+            std::fprintf(stderr, "hlsplay: channel %d never started: %s\n", c->index, c->url.c_str());
+            silent++;
+        }
+    }
+    if (status == 0 && silent > 0)
+        status = silent == g_channels.size() ? 1 : 3;
     if (opt.json) {
         std::printf("%s\n", summary_json().c_str());
         std::fflush(stdout);
