@@ -259,11 +259,12 @@ void *realloc(void *old, size_t size)
     if (!next_realloc)
         resolve_next();
     if (from_bootstrap(old)) {
-        // Only the shim's start-up allocates from the bootstrap block, and
-        // nothing there grows; copy out to be safe.
+        // A block handed out while the shim looked itself up: move it out,
+        // copying no more than the bootstrap area holds behind it.
+        size_t room = (size_t)(bootstrap + sizeof bootstrap - (char *)old);
         void *grown = next_malloc(size);
         if (grown)
-            memcpy(grown, old, size < 64 ? size : 64);
+            memcpy(grown, old, size < room ? size : room);
         return grown;
     }
     if (should_fail(__builtin_return_address(0)))
