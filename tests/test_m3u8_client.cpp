@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <list>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -87,6 +88,7 @@ struct Client {
     std::string state()
     {
         M3U8ClientImpl &i = impl();
+        std::lock_guard<std::recursive_mutex> lock(i.mutex);
         std::string out = std::to_string((uintptr_t)i.raw_data) + " " + std::to_string((uintptr_t)i.master_raw_data) +
                           " " + i.master.url + " " + std::to_string(i.master.playlists.size()) + " " +
                           std::to_string(i.max_fragment_count) + " " + std::to_string(i.bySequence.size()) + " " +
