@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <new>
 
 #include "hls_log.h"
@@ -504,17 +505,31 @@ bool M3U8ClientImpl::knows(uint64_t sequence_no, const std::string &uri, uint64_
 
 void M3U8ClientImpl::append(const std::string &uri, uint64_t sequence_no, uint64_t duration)
 {
+    /* The element is put on the list, then into each index, and counted only
+     * when all three hold it; a step that runs out of memory undoes the ones
+     * before it, so the list and its indexes agree whatever fails. */
     TSDataItem item;
     item.uri = uri;
     item.sequence_no = sequence_no;
     item.duration = duration;
     fragments.push_back(std::move(item));
     FragmentList::iterator element = std::prev(fragments.end());
-    bool fresh_sequence = bySequence.emplace(sequence_no, element).second;
-    bool fresh_uri = byUriDuration.insert(UriKey{element->uri, duration}).second;
-    assert(fresh_sequence && fresh_uri);
-    (void)fresh_sequence;
-    (void)fresh_uri;
+    try {
+        bool fresh_sequence = bySequence.emplace(sequence_no, element).second;
+        assert(fresh_sequence);
+        (void)fresh_sequence;
+        try {
+            bool fresh_uri = byUriDuration.insert(UriKey{element->uri, duration}).second;
+            assert(fresh_uri);
+            (void)fresh_uri;
+        } catch (...) {
+            bySequence.erase(sequence_no);
+            throw;
+        }
+    } catch (...) {
+        fragments.pop_back();
+        throw;
+    }
     if (firstPending == fragments.end())
         firstPending = element;
     ++pendingCount;
@@ -545,22 +560,50 @@ void M3U8ClientImpl::dropFront()
     fragments.pop_front();
 }
 
+/* Removes the last element, which a merge appended, and its index entries. */
+static void drop_back(M3U8ClientImpl *client)
+{
+    M3U8ClientImpl::FragmentList::iterator back = std::prev(client->fragments.end());
+    if (!back->has_downloaded) {
+        --client->pendingCount;
+        client->pendingNs -= back->duration;
+    }
+    if (client->firstPending == back)
+        client->firstPending = client->fragments.end();
+    client->bySequence.erase(back->sequence_no);
+    client->byUriDuration.erase(M3U8ClientImpl::UriKey{back->uri, back->duration});
+    client->fragments.pop_back();
+}
+
 void update_ts_playlist(M3U8ClientImpl *client, std::string url, const M3UTSPlaylist &playlist)
 {
+    /* All or nothing: when memory runs out half-way, the elements this merge
+     * appended are removed again and the count restored before the failure
+     * goes on to the loader, so the client is as it was and a later load of
+     * the same text merges every entry once. */
+    const size_t size_before = client->fragments.size();
+    const uint32_t max_before = client->max_fragment_count;
     size_t entries = playlist.items.size();
     if (client->max_fragment_count < entries)
         client->max_fragment_count = entries > UINT32_MAX ? UINT32_MAX : (uint32_t)entries;
-    for (const M3UTSItem &item : playlist.items) {
-        std::string absolute = get_absolute_path(url, item.uri);
-        if (absolute.empty()) {
-            HLS_LOG_ERROR("update_ts_playlist", "get_absolute_path(%s, %s) failed!\n", url.c_str(),
-                          item.uri.c_str());
-            continue;
+    try {
+        for (const M3UTSItem &item : playlist.items) {
+            std::string absolute = get_absolute_path(url, item.uri);
+            if (absolute.empty()) {
+                HLS_LOG_ERROR("update_ts_playlist", "get_absolute_path(%s, %s) failed!\n", url.c_str(),
+                              item.uri.c_str());
+                continue;
+            }
+            /* A known element stays exactly as it is, even when the entry now
+             * gives it another URL or duration. */
+            if (!client->knows(item.sequence, absolute, item.durationNs))
+                client->append(absolute, item.sequence, item.durationNs);
         }
-        /* A known element stays exactly as it is, even when the entry now
-         * gives it another URL or duration. */
-        if (!client->knows(item.sequence, absolute, item.durationNs))
-            client->append(absolute, item.sequence, item.durationNs);
+    } catch (...) {
+        while (client->fragments.size() > size_before)
+            drop_back(client);
+        client->max_fragment_count = max_before;
+        throw;
     }
 }
 
@@ -585,6 +628,13 @@ static bool same_text(const char *stored, uint32_t stored_size, const char *text
 {
     return stored && stored_size == size && memcmp(stored, text, size) == 0;
 }
+
+/* A loader's copy of the downloaded text: released on every return unless
+ * the client has taken it over. */
+struct FreeText {
+    void operator()(char *text) const { free(text); }
+};
+using OwnedText = std::unique_ptr<char, FreeText>;
 
 static M3U8ClientImpl *impl_of(m3u8_client *client)
 {
@@ -773,43 +823,44 @@ int32_t m3u8_client_load_master_playlist(m3u8_client *client, const char *url, c
     if (!impl || !url || !buffer || !is_master || (!buffer->data && buffer->size))
         return 1;
     uint32_t size = 0;
-    char *text = buf_to_raw_playlist(buffer->data, buffer->size, &size);
+    OwnedText text(buf_to_raw_playlist(buffer->data, buffer->size, &size));
     if (!text)
         return 2;
-    M3U8Parser parser;
-    std::string url_text(url);
-    std::lock_guard<std::recursive_mutex> lock(impl->mutex);
+    /* Parsing and merging allocate; when memory runs out the client state is
+     * still the earlier one (the merge undoes itself and nothing is stored
+     * before it succeeds), the copy is released and the load reports it. */
+    try {
+        M3U8Parser parser;
+        std::string url_text(url);
+        std::lock_guard<std::recursive_mutex> lock(impl->mutex);
 
-    const std::string body(text); /* up to the first NUL */
-    MasterM3UPlaylist master = parser.parseMaster(url_text, body);
-    if (master.valid && !master.playlists.empty()) {
-        if (same_text(impl->master_raw_data, impl->master_raw_data_size, text, size)) {
-            free(text);
-        } else {
-            impl->master = std::move(master);
-            free(impl->master_raw_data);
-            impl->master_raw_data = text;
-            impl->master_raw_data_size = size;
+        const std::string body(text.get()); /* up to the first NUL */
+        MasterM3UPlaylist master = parser.parseMaster(url_text, body);
+        if (master.valid && !master.playlists.empty()) {
+            if (!same_text(impl->master_raw_data, impl->master_raw_data_size, text.get(), size)) {
+                impl->master = std::move(master);
+                free(impl->master_raw_data);
+                impl->master_raw_data = text.release();
+                impl->master_raw_data_size = size;
+            }
+            *is_master = 1;
+            return 0;
         }
-        *is_master = 1;
-        return 0;
-    }
 
-    M3UTSPlaylist media = parser.parse(url_text, body);
-    if (!media.valid) {
-        free(text);
-        return 1;
+        M3UTSPlaylist media = parser.parse(url_text, body);
+        if (!media.valid)
+            return 1;
+        if (!same_text(impl->raw_data, impl->raw_data_size, text.get(), size)) {
+            update_ts_playlist(impl, url_text, media);
+            free(impl->raw_data);
+            impl->raw_data = text.release();
+            impl->raw_data_size = size;
+        }
+        *is_master = 0;
+        return 0;
+    } catch (const std::bad_alloc &) {
+        return 2;
     }
-    if (same_text(impl->raw_data, impl->raw_data_size, text, size)) {
-        free(text);
-    } else {
-        update_ts_playlist(impl, url_text, media);
-        free(impl->raw_data);
-        impl->raw_data = text;
-        impl->raw_data_size = size;
-    }
-    *is_master = 0;
-    return 0;
 }
 
 int32_t m3u8_client_load_playlist(m3u8_client *client, const char *url, const hls_buffer *buffer)
@@ -817,28 +868,30 @@ int32_t m3u8_client_load_playlist(m3u8_client *client, const char *url, const hl
     M3U8ClientImpl *impl = impl_of(client);
     if (!impl || !url || !buffer || (!buffer->data && buffer->size))
         return 1;
-    M3U8Parser parser;
     uint32_t size = 0;
-    char *text = buf_to_raw_playlist(buffer->data, buffer->size, &size);
+    OwnedText text(buf_to_raw_playlist(buffer->data, buffer->size, &size));
     if (!text)
         return 2;
-    std::lock_guard<std::recursive_mutex> lock(impl->mutex);
-    /* An unchanged reload is recognised before any parsing. */
-    if (same_text(impl->raw_data, impl->raw_data_size, text, size)) {
-        free(text);
+    /* As in the master loader: running out of memory leaves the client as it
+     * was and gives 2. */
+    try {
+        M3U8Parser parser;
+        std::lock_guard<std::recursive_mutex> lock(impl->mutex);
+        /* An unchanged reload is recognised before any parsing. */
+        if (same_text(impl->raw_data, impl->raw_data_size, text.get(), size))
+            return 0;
+        std::string url_text(url);
+        M3UTSPlaylist media = parser.parse(url_text, std::string(text.get()));
+        if (!media.valid)
+            return 1;
+        update_ts_playlist(impl, url_text, media);
+        free(impl->raw_data);
+        impl->raw_data = text.release();
+        impl->raw_data_size = size;
         return 0;
+    } catch (const std::bad_alloc &) {
+        return 2;
     }
-    std::string url_text(url);
-    M3UTSPlaylist media = parser.parse(url_text, std::string(text));
-    if (!media.valid) {
-        free(text);
-        return 1;
-    }
-    update_ts_playlist(impl, url_text, media);
-    free(impl->raw_data);
-    impl->raw_data = text;
-    impl->raw_data_size = size;
-    return 0;
 }
 
 tsdata_fragment *tsdata_fragment_new(const char *uri)

@@ -30,7 +30,7 @@ TEST(ClientInterface, CallsBeforeInitAfterDestroyOrAfterRefusedInitGiveNotInitia
         EXPECT_EQ(hls_client_init(c.channels, c.frame, c.status, "/tmp"), -2) << c.channels;
         refused("after a refused init");
     }
-    ASSERT_EQ(hls_client_init(1, test_host::frame_cb, test_host::status_cb, nullptr), 0);
+    ASSERT_EQ(init_client(1), 0);
     EXPECT_EQ(hls_client_destroy(), 0);
     refused("after destroy");
 }

@@ -52,12 +52,23 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
     test_host::keep_pieces = true;
     test_host::frame_result = 41;
     play_both([](const Kind &kind, int) { return Reply{kind.prefix, "application/octet-stream", 200, 0, kind.frames}; });
-    ASSERT_TRUE(test_host::wait_for(
-        [] { return test_host::status_count(0, HLS_STREAM_STOPPED) + test_host::status_count(1, HLS_STREAM_STOPPED) == 2; }, 5s));
+    bool ended = test_host::wait_for(
+        [] { return test_host::status_count(0, HLS_STREAM_STOPPED) + test_host::status_count(1, HLS_STREAM_STOPPED) == 2; }, 5s);
+    ASSERT_TRUE(ended || torture_mode());
 
+    size_t streamed = 0;
     for (int32_t channel : {0, 1}) {
         const Kind &kind = kKinds[channel];
         SCOPED_TRACE(kind.path);
+        if (torture_mode() && test_host::status_count(channel, HLS_STREAM_STOPPED) == 0) {
+            // The channel's thread lost an allocation: without its holder it
+            // ended, without probe bytes the Content-Type decided nothing and
+            // it probes again; either way the host was told nothing.
+            EXPECT_EQ(statuses_of(channel).size(), 0u);
+            EXPECT_EQ(test_host::frame_count(channel), 0u);
+            continue;
+        }
+        streamed += kind.frames;
         EXPECT_EQ(events_of(HostEvent::DemuxNew, kind.flv), 1u);
         // The whole body went into the demultiplexer once, unchanged: no
         // reconnection after the server ended the stream.
@@ -90,13 +101,16 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
             << err_.text();
     }
     // The host's result went back to the demultiplexer untouched.
-    EXPECT_EQ(test_host::callback_results(), std::vector<int32_t>(kKinds[0].frames + kKinds[1].frames, 41));
+    EXPECT_EQ(test_host::callback_results(), std::vector<int32_t>(streamed, 41));
     EXPECT_FALSE(err_.contains("return error"));
 
+    const std::vector<int32_t> stopped_before_close = statuses_of(0);
     for (int32_t channel : {0, 1})
         EXPECT_EQ(hls_client_disconnect(channel), 0);
-    EXPECT_EQ(test_host::status_count(0, HLS_STREAM_STOPPED), 1u); // not repeated on close
-    EXPECT_EQ(test_host::count([](const HostEvent &e) { return e.kind == HostEvent::DemuxFree; }), 2u);
+    EXPECT_EQ(statuses_of(0), stopped_before_close); // not repeated on close
+    // Every demultiplexer made (one per kind, checked above) was released.
+    EXPECT_EQ(test_host::count([](const HostEvent &e) { return e.kind == HostEvent::DemuxFree; }),
+              test_host::count([](const HostEvent &e) { return e.kind == HostEvent::DemuxNew; }));
 }
 
 TEST_F(DirectStream, BrokenTransferStopsPausesAndReconnectsIntoSameDemuxUntilDisconnected)

@@ -77,6 +77,32 @@ std::vector<std::string> payloads_of(int channel)
 
 bool wait(const std::function<bool()> &pred) { return test_host::wait_for(pred, 10s); }
 
+// Waits for `done`; in torture mode also for `progressed` (the same point
+// without the frame count, as a refused frame is lost) or for the channel's
+// download thread to have ended on its own.
+bool settled(int ch, const std::function<bool()> &done, const std::function<bool()> &progressed)
+{
+    const std::string thread = "httpdown[" + std::to_string(ch) + "]";
+    return wait([&] { return done() || (torture_mode() && (progressed() || !thread_named(thread))); });
+}
+
+// Torture mode: whatever allocation the channel lost, it delivered some of
+// the frames of an undisturbed run in their order, never one twice; once
+// disconnected it has reported a start and a stop or nothing at all, and
+// before that (`before_close`) no more than the beginning of that.
+void expect_tortured_channel_holds(int ch, const std::vector<std::string> &frames, const std::vector<int32_t> &before_close)
+{
+    auto next = frames.begin();
+    for (const std::string &payload : payloads_of(ch)) {
+        next = std::find(next, frames.end(), payload);
+        ASSERT_NE(next, frames.end()) << payload << " out of order or repeated";
+        ++next;
+    }
+    const std::vector<int32_t> after = statuses_of(ch);
+    EXPECT_TRUE(after.empty() || after == kStartedStopped);
+    EXPECT_TRUE(before_close.size() <= after.size() && std::equal(before_close.begin(), before_close.end(), after.begin()));
+}
+
 class HlsPlayback : public ClientTest {
 protected:
     void SetUp() override
@@ -110,7 +136,16 @@ TEST_F(HlsPlayback, MasterPlaylistChoosesVariantOnceAndJoinsItsUri)
         const std::string dir = "/" + tags[ch] + "/", variant = dir + tags[ch] + "/index.m3u8";
         // Reloads go to the chosen variant only: the first playlist is
         // fetched by the probe and the first load, never again.
-        ASSERT_TRUE(wait([&] { return site_.hits(variant) >= 3 && test_host::frame_count(ch) == 1; }));
+        ASSERT_TRUE(settled(
+            ch, [&] { return site_.hits(variant) >= 3 && test_host::frame_count(ch) == 1; },
+            [&] { return site_.hits(variant) >= 3; }));
+        const std::vector<int32_t> before_close = statuses_of(ch);
+        timed_disconnect(ch);
+        // Nothing of this channel allocates any more: the failure, if any, is known.
+        if (torture_mode()) {
+            expect_tortured_channel_holds(ch, {tags[ch] + "v0"}, before_close);
+            continue;
+        }
         auto fetched = site_.order(dir);
         EXPECT_EQ(std::count(fetched.begin(), fetched.end(), variant) + 3, (long)fetched.size());
         EXPECT_EQ(site_.hits(dir + "index.m3u8"), 2u);
@@ -120,8 +155,7 @@ TEST_F(HlsPlayback, MasterPlaylistChoosesVariantOnceAndJoinsItsUri)
         std::vector<uint64_t> caps = caps_of(ch);
         EXPECT_GE(caps.size(), 2u);
         EXPECT_EQ(caps, std::vector<uint64_t>(caps.size(), bandwidths[ch]));
-        EXPECT_EQ(statuses_of(ch), kStarted);
-        timed_disconnect(ch);
+        EXPECT_EQ(before_close, kStarted);
         EXPECT_EQ(statuses_of(ch), kStartedStopped);
     }
 }
@@ -143,8 +177,18 @@ TEST_F(HlsPlayback, MediaPlaylistFirstPlaysInOrderSkipsFailedSegmentAndReloadsHo
     site_.on("/s/seg4.ts", segment("f", 1));
     connect_to(4, site_.url("/s/index.m3u8"));
 
-    ASSERT_TRUE(wait([&] { return test_host::frame_count(4) == 7 && site_.hits("/s/index.m3u8") >= 5; }));
-    EXPECT_TRUE(thread_named("hls_ctrl[4]"));
+    const std::vector<std::string> payloads{"gv0", "ga0", "gv1", "ga1", "lv0", "ev0", "fv0"};
+    ASSERT_TRUE(settled(
+        4, [&] { return test_host::frame_count(4) == 7 && site_.hits("/s/index.m3u8") >= 5; },
+        [&] { return site_.hits("/s/index.m3u8") >= 5; }));
+    const bool delivering = thread_named("hls_ctrl[4]");
+    const std::vector<int32_t> before_close = statuses_of(4);
+    timed_disconnect(4);
+    EXPECT_TRUE(thread_gone("hls_ctrl[4]"));
+    // Nothing of this channel allocates any more: the failure, if any, is known.
+    if (torture_mode())
+        return expect_tortured_channel_holds(4, payloads, before_close);
+    EXPECT_TRUE(delivering);
     // Probe and first load; a reload once nothing is pending, none while two
     // are, another once one is left, then reloads of the host's URL; never a variant.
     EXPECT_EQ(site_.order("/s/", 10), (std::vector<std::string>{"/s/index.m3u8", "/s/index.m3u8", "/s/seg0.ts", "/s/seg1.ts",
@@ -152,8 +196,8 @@ TEST_F(HlsPlayback, MediaPlaylistFirstPlaysInOrderSkipsFailedSegmentAndReloadsHo
                                                                 "/s/seg4.ts", "/s/index.m3u8"}));
     auto fetched = site_.order("/");
     EXPECT_EQ(std::count(fetched.begin(), fetched.end(), "/s/index.m3u8") + 5, (long)fetched.size());
-    EXPECT_EQ(payloads_of(4), (std::vector<std::string>{"gv0", "ga0", "gv1", "ga1", "lv0", "ev0", "fv0"}));
-    EXPECT_EQ(statuses_of(4), kStarted);
+    EXPECT_EQ(payloads_of(4), payloads);
+    EXPECT_EQ(before_close, kStarted);
     // A media playlist as first playlist never sets a cap on load: the first
     // is 1.5 x seg1's bit rate (bytes x 8 x 1.5 / 2 s), the second 5/4 of it,
     // and the on-time seg3 and seg4 leave it alone.
@@ -167,9 +211,7 @@ TEST_F(HlsPlayback, MediaPlaylistFirstPlaysInOrderSkipsFailedSegmentAndReloadsHo
         EXPECT_EQ(e.thread, frames.front().thread);
     EXPECT_NE(puts.front().thread, frames.front().thread);
     EXPECT_NE(frames.front().thread, std::this_thread::get_id());
-    timed_disconnect(4);
     EXPECT_EQ(statuses_of(4), kStartedStopped);
-    EXPECT_TRUE(thread_gone("hls_ctrl[4]"));
 }
 
 std::atomic<uint32_t> g_fake_ms{0};

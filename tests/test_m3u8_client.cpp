@@ -3,31 +3,16 @@
 
 #include <atomic>
 #include <list>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "alloc_shim.h"
 #include "hls_m3u8_int.h"
 #include "stderr_capture.h"
-
-// Allocation failures on demand: the next malloc of exactly `fail_size`
-// bytes on this thread returns null. The library resolves malloc from the
-// executable, so this reaches its allocations too. Sanitizers bring their own
-// allocator, so the tests that need it are skipped there.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define FAILING_MALLOC 1
-extern "C" void *__libc_malloc(size_t size);
-static thread_local size_t fail_size = 0;
-extern "C" void *malloc(size_t size) noexcept
-{
-    if (fail_size != 0 && size == fail_size) {
-        fail_size = 0;
-        return nullptr;
-    }
-    return __libc_malloc(size);
-}
-#endif
+#include "torture.h"
 
 namespace {
 
@@ -72,21 +57,52 @@ std::string take(char *owned)
     return out;
 }
 
+// In torture mode one of the library's allocations fails: a call that then
+// gives its "no memory" result (a null client or record, load result 2) is
+// checked to have changed nothing and repeated, and the repeat must give the
+// normal result.
 struct Client {
-    m3u8_client *c = m3u8_client_new();
+    m3u8_client *c = create();
     ~Client() { m3u8_client_free(c); }
+    static m3u8_client *create()
+    {
+        return torture_retry((m3u8_client *)nullptr, m3u8_client_new);
+    }
     M3U8ClientImpl &impl() { return *c->impl; }
     int32_t load(const std::string &text, const std::string &url = kUrl, int32_t *is_master = nullptr)
+    {
+        const std::string before = state();
+        return torture_retry(2, [&] {
+            int32_t result = load_once(text, url, is_master);
+            EXPECT_TRUE(result != 2 || state() == before) << "a load without memory changed the client";
+            return result;
+        });
+    }
+    int32_t load_once(const std::string &text, const std::string &url, int32_t *is_master)
     {
         hls_buffer buffer{(uint8_t *)text.data(), (uint32_t)text.size(), (uint32_t)text.size()};
         return is_master ? m3u8_client_load_master_playlist(c, url.c_str(), &buffer, is_master)
                          : m3u8_client_load_playlist(c, url.c_str(), &buffer);
     }
+    // Everything a load may change, with both indexes' sizes.
+    std::string state()
+    {
+        M3U8ClientImpl &i = impl();
+        std::lock_guard<std::recursive_mutex> lock(i.mutex);
+        std::string out = std::to_string((uintptr_t)i.raw_data) + " " + std::to_string((uintptr_t)i.master_raw_data) +
+                          " " + i.master.url + " " + std::to_string(i.master.playlists.size()) + " " +
+                          std::to_string(i.max_fragment_count) + " " + std::to_string(i.bySequence.size()) + " " +
+                          std::to_string(i.byUriDuration.size()) + " " + std::to_string(i.pendingCount);
+        for (const std::string &e : list())
+            out += " " + e;
+        return out;
+    }
     Strings list() { return describe(impl().fragments); }
     // The front (or back) fragment record, described, or "(null)".
     std::string fragment(bool back = false)
     {
-        tsdata_fragment *f = back ? m3u8_client_get_back_fragment(c) : m3u8_client_get_front_fragment(c);
+        auto get = [&] { return back ? m3u8_client_get_back_fragment(c) : m3u8_client_get_front_fragment(c); };
+        tsdata_fragment *f = torture_retry((tsdata_fragment *)nullptr, get);
         std::string out = f ? describe(f->sequence_no, f->uri, f->duration) : "(null)";
         EXPECT_TRUE(!f || f->aux == nullptr);
         tsdata_fragment_free(f);
@@ -162,7 +178,8 @@ TEST(M3u8Client, MasterLoaderSortsKindsAndComparesAfterParsing)
     // be resolved against, a merge would log.
     EXPECT_EQ(client.load(m, "nowhere"), 0);
     EXPECT_EQ(client.load(m, "nowhere", &is_master), 0);
-    EXPECT_EQ(capture.text(), "");
+    EXPECT_TRUE(capture.text().empty() || (torture_mode() && capture.contains(", buf_to_raw_playlist>: malloc(")))
+        << capture.text();
 
     // Valid as a master only through its end-of-list tag: tried as media.
     is_master = -1;
@@ -234,30 +251,76 @@ TEST(M3u8Client, MarksLogUnknownOrRepeatedAndGettersSkipDownloaded)
 
 TEST(M3u8Client, OutOfMemoryGivesNullOrCodeTwoAndChangesNothing)
 {
-#ifndef FAILING_MALLOC
-    GTEST_SKIP() << "the sanitizer's allocator cannot be made to fail on demand";
-#else
-    fail_size = sizeof(m3u8_client);
+    if (getenv("HLS_TORTURE_FAIL_AT"))
+        GTEST_SKIP() << "the allocation shim is driven from outside";
+    alloc_shim_fail_nth(1); // the handle
     EXPECT_EQ(m3u8_client_new(), nullptr);
-    fail_size = sizeof(M3U8ClientImpl);
+    alloc_shim_fail_nth(2); // the client object
     EXPECT_EQ(m3u8_client_new(), nullptr);
-    fail_size = 0;
+    alloc_shim_fail_nth(0);
 
     Client client;
     const std::string text = media(0, {{"a.ts", "1"}}), next = media(1, {{"b.ts", "1"}});
     ASSERT_EQ(client.load(text), 0);
     StderrCapture capture;
     int32_t is_master = -1;
-    fail_size = next.size() + 1;
+    alloc_shim_fail_nth(1); // the copy of the text
     EXPECT_EQ(client.load(next), 2);
-    fail_size = next.size() + 1;
+    alloc_shim_fail_nth(1);
     EXPECT_EQ(client.load(next, kUrl, &is_master), 2);
-    fail_size = 0;
+    alloc_shim_fail_nth(0);
     EXPECT_EQ(is_master, -1);
     EXPECT_EQ(capture.count(", buf_to_raw_playlist>: malloc(" + std::to_string(next.size() + 1) + ") failed!\n"), 2u);
     EXPECT_EQ(std::string(m3u8_client_get_raw_data(client.c)), text);
     EXPECT_EQ(client.list().size(), 1u);
-#endif
+}
+
+// Each allocation of a load that merges, failed in turn (parse, URL
+// resolution, list element, either index): the load gives 2 and leaves list,
+// indexes, count and text as they were, so the same text loaded again merges
+// every entry exactly once.
+TEST(M3u8Client, LoadRunningOutOfMemoryAnywhereLeavesListAndIndexesAsTheyWere)
+{
+    if (getenv("HLS_TORTURE_FAIL_AT"))
+        GTEST_SKIP() << "the allocation shim is driven from outside";
+    const std::string first = media(0, {{"s0.ts", "1"}, {"s1.ts", "1"}});
+    const std::string next = media(1, {{"s1.ts", "1"}, {"s2.ts", "1"}, {"s3.ts", "2"}});
+    const Strings merged = {"0:http://h/live/s0.ts:1000*", "1:http://h/live/s1.ts:1000", "2:http://h/live/s2.ts:1000",
+                            "3:http://h/live/s3.ts:2000"};
+    for (bool through_master : {false, true}) {
+        long n = 1;
+        for (;; ++n) {
+            SCOPED_TRACE(std::string(through_master ? "master" : "media") + " loader, allocation " + std::to_string(n));
+            Client client;
+            ASSERT_EQ(client.load(first), 0);
+            ASSERT_EQ(m3u8_client_pop_front_fragment(client.c, 0), 1);
+            const Strings before = client.list();
+            int32_t is_master = -1;
+            StderrCapture capture;
+            alloc_shim_fail_nth(n);
+            int32_t result = client.load(next, kUrl, through_master ? &is_master : nullptr);
+            const bool failed = alloc_shim_fired();
+            alloc_shim_fail_nth(0);
+            if (!failed) {
+                EXPECT_EQ(result, 0);
+                EXPECT_EQ(client.list(), merged);
+                break;
+            }
+            ASSERT_EQ(result, 2);
+            EXPECT_EQ(is_master, -1);
+            EXPECT_EQ(client.list(), before);
+            EXPECT_EQ(client.impl().max_fragment_count, 2u);
+            EXPECT_EQ(std::string(m3u8_client_get_raw_data(client.c)), first);
+
+            ASSERT_EQ(client.load(next, kUrl, through_master ? &is_master : nullptr), 0);
+            EXPECT_EQ(client.list(), merged);
+            EXPECT_EQ(client.impl().bySequence.size(), 4u);
+            EXPECT_EQ(client.impl().byUriDuration.size(), 4u);
+            EXPECT_EQ(client.impl().pendingCount, 3u);
+            EXPECT_EQ(client.fragment(), "1:http://h/live/s1.ts:1000");
+        }
+        EXPECT_GT(n, 10) << "the merge should have been failed at many points";
+    }
 }
 
 namespace {

@@ -12,6 +12,7 @@
 #include "stderr_capture.h"
 #include "test_host.h"
 #include "ts_downloader.h"
+#include "torture.h"
 
 using namespace std::chrono_literals;
 
@@ -71,7 +72,7 @@ protected:
         });
         local.start();
         demux = ts_demux_new([](void *, frame_info *, uint8_t *, void *) { return 0; }, nullptr);
-        dl = ts_downloader_new(demux, nullptr);
+        dl = torture_retry((ts_downloader *)nullptr, [this] { return ts_downloader_new(demux, nullptr); });
     }
     ~TsDownloader() override
     {

@@ -17,6 +17,7 @@
 #include "local_server.h"
 #include "stderr_capture.h"
 #include "test_host.h"
+#include "torture.h"
 
 // The server library is not built for ThreadSanitizer, and its content
 // providers write a shared static while streaming concurrent responses (the
@@ -205,6 +206,26 @@ private:
     std::atomic<bool> closing_{false};
 };
 
+// hls_client_init with the recording host. Without memory for the table
+// (-15) the library counts as initialised and destroy is the remedy, so a
+// torture retry starts afresh.
+inline int32_t init_client(int32_t channels)
+{
+    return torture_retry(-15, [channels] {
+        int32_t result = hls_client_init(channels, test_host::frame_cb, test_host::status_cb, nullptr);
+        if (result == -15)
+            hls_client_destroy();
+        return result;
+    });
+}
+
+// hls_client_connect; without memory for the channel stream it gives -6 and
+// the slot stays free for the torture retry.
+inline int32_t connect_channel(int32_t channel, const hls_connect_param &param)
+{
+    return torture_retry(-6, [&] { return hls_client_connect(channel, &param); });
+}
+
 // Sets the library up with the recording host for kChannels channels and
 // tears it down (joining every channel) at the end of the test.
 class ClientTest : public ::testing::Test {
@@ -213,14 +234,15 @@ protected:
     void SetUp() override
     {
         test_host::reset();
-        ASSERT_EQ(hls_client_init(kChannels, test_host::frame_cb, test_host::status_cb, nullptr), 0);
+        ASSERT_EQ(init_client(kChannels), 0);
     }
+
     void TearDown() override { hls_client_destroy(); }
 
     static void connect_to(int32_t channel, const std::string &url, int32_t low_bandwidth = 0)
     {
         hls_connect_param param = make_param(url, low_bandwidth);
-        ASSERT_EQ(hls_client_connect(channel, &param), 0) << url;
+        ASSERT_EQ(connect_channel(channel, param), 0) << url;
     }
     // Disconnects and returns how long the call took, in seconds.
     static double timed_disconnect(int32_t channel)
