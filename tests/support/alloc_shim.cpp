@@ -111,6 +111,16 @@ int find_ranges(struct dl_phdr_info *info, size_t, void *)
     return 0;
 }
 
+// The mangled operator new names spell size_t's type: unsigned long ("m")
+// on 64-bit targets, unsigned int ("j") on 32-bit ones such as armhf.
+#if __SIZEOF_SIZE_T__ == __SIZEOF_LONG__ && __SIZEOF_LONG__ == 8
+#define SIZE_CODE "m"
+#else
+#define SIZE_CODE "j"
+#endif
+static_assert(sizeof(size_t) == (SIZE_CODE[0] == 'm' ? sizeof(unsigned long) : sizeof(unsigned int)),
+              "size_t is neither unsigned long nor unsigned int");
+
 void resolve_next()
 {
     if (next_malloc)
@@ -120,14 +130,14 @@ void resolve_next()
     next_calloc = (CallocFn)dlsym(RTLD_NEXT, "calloc");
     next_malloc = (MallocFn)dlsym(RTLD_NEXT, "malloc");
     next_realloc = (ReallocFn)dlsym(RTLD_NEXT, "realloc");
-    next_new = (NewFn)dlsym(RTLD_NEXT, "_Znwm");
-    next_new_array = (NewFn)dlsym(RTLD_NEXT, "_Znam");
-    next_new_nothrow = (NewNothrowFn)dlsym(RTLD_NEXT, "_ZnwmRKSt9nothrow_t");
-    next_new_array_nothrow = (NewNothrowFn)dlsym(RTLD_NEXT, "_ZnamRKSt9nothrow_t");
-    next_new_aligned = (NewAlignedFn)dlsym(RTLD_NEXT, "_ZnwmSt11align_val_t");
-    next_new_array_aligned = (NewAlignedFn)dlsym(RTLD_NEXT, "_ZnamSt11align_val_t");
-    next_new_aligned_nothrow = (NewAlignedNothrowFn)dlsym(RTLD_NEXT, "_ZnwmSt11align_val_tRKSt9nothrow_t");
-    next_new_array_aligned_nothrow = (NewAlignedNothrowFn)dlsym(RTLD_NEXT, "_ZnamSt11align_val_tRKSt9nothrow_t");
+    next_new = (NewFn)dlsym(RTLD_NEXT, "_Znw" SIZE_CODE);
+    next_new_array = (NewFn)dlsym(RTLD_NEXT, "_Zna" SIZE_CODE);
+    next_new_nothrow = (NewNothrowFn)dlsym(RTLD_NEXT, "_Znw" SIZE_CODE "RKSt9nothrow_t");
+    next_new_array_nothrow = (NewNothrowFn)dlsym(RTLD_NEXT, "_Zna" SIZE_CODE "RKSt9nothrow_t");
+    next_new_aligned = (NewAlignedFn)dlsym(RTLD_NEXT, "_Znw" SIZE_CODE "St11align_val_t");
+    next_new_array_aligned = (NewAlignedFn)dlsym(RTLD_NEXT, "_Zna" SIZE_CODE "St11align_val_t");
+    next_new_aligned_nothrow = (NewAlignedNothrowFn)dlsym(RTLD_NEXT, "_Znw" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
+    next_new_array_aligned_nothrow = (NewAlignedNothrowFn)dlsym(RTLD_NEXT, "_Zna" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
     busy = false;
 }
 
