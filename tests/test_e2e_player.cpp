@@ -185,7 +185,7 @@ std::vector<Json> summary_channels(const std::string &out, size_t expected)
     const bool shaped = doc.is_object() && doc.size() == 1 && doc.contains("channels") && doc["channels"].is_array();
     if (!shaped || doc["channels"].size() != expected) {
         ADD_FAILURE() << "expected one JSON document with " << expected << " channels: " << out;
-        return {};
+        return std::vector<Json>(expected, Json::object());
     }
     const std::vector<std::string> keys = {"channel",     "url",          "started",     "stopped",       "video_frames",
                                            "audio_frames", "video_bytes", "audio_bytes", "first_frame_ms"};
@@ -302,8 +302,6 @@ TEST(E2ePlayer, FiniteStreamsDeliverTheSampleFramesIntact)
     ASSERT_EQ(r.status, 0) << r.err;
     ASSERT_EQ(rl.status, 0) << rl.err;
     std::vector<Json> channels = summary_channels(r.out, 3), low_channels = summary_channels(rl.out, 1);
-    ASSERT_EQ(channels.size(), 3u);
-    ASSERT_EQ(low_channels.size(), 1u);
 
     // The direct streams come first: their video verifies the bytes of the
     // HLS variant that cannot deliver its final access unit.
@@ -365,7 +363,6 @@ TEST(E2ePlayer, PlayerStopsCleanlyOnSigintAndSigterm)
         EXPECT_EQ(r.status, 0) << "signal " << sig << ": " << r.err;
         EXPECT_LT(Clock::now() - sent_at, 5s);
         std::vector<Json> channels = summary_channels(r.out, 1);
-        ASSERT_EQ(channels.size(), 1u);
         EXPECT_EQ(num(channels[0], "started"), 1);
         EXPECT_EQ(num(channels[0], "stopped"), 1);
     }
@@ -398,35 +395,38 @@ TEST(E2ePlayer, TerminalGetsAStatusDisplayRedrawnInPlace)
     EXPECT_THAT(screen, Not(HasSubstr("stream started"))) << "log lines on a terminal";
 }
 
+// A GET on the sample server; a response with status -1 when it failed.
+httplib::Response get(httplib::Client &cli, const std::string &path)
+{
+    auto res = cli.Get(path.c_str());
+    return res ? *res : httplib::Response();
+}
+
 TEST(E2eSampleServer, LivePlaylistsSlideOverLoopedSegments)
 {
     SampleServer server({"--window", "8", "--playlist-delay-ms", "0"});
     httplib::Client cli("127.0.0.1", server.port());
-    auto master = cli.Get("/hls/master.m3u8");
-    ASSERT_TRUE(master);
-    EXPECT_EQ(master->get_header_value("Content-Type"), "application/vnd.apple.mpegurl");
-    EXPECT_EQ(master->body, read_file(kData + "hls/master.m3u8"));
+    httplib::Response master = get(cli, "/hls/master.m3u8");
+    EXPECT_EQ(master.get_header_value("Content-Type"), "application/vnd.apple.mpegurl");
+    EXPECT_EQ(master.body, read_file(kData + "hls/master.m3u8"));
 
     // Six sample segments, eight in the window: the loop point is listed,
     // marked as a discontinuity, and its segments are the sample's again.
-    auto first = cli.Get("/hls/low/index.m3u8");
-    ASSERT_TRUE(first);
-    EXPECT_THAT(first->body, HasSubstr("#EXT-X-MEDIA-SEQUENCE:0\n"));
-    EXPECT_THAT(first->body, HasSubstr("#EXT-X-DISCONTINUITY\n#EXTINF:1.000000,\nseg6.ts\n"));
-    EXPECT_THAT(first->body, Not(HasSubstr("#EXT-X-ENDLIST")));
-    EXPECT_EQ(occurrences(first->body, "#EXTINF"), 8u);
+    const std::string first = get(cli, "/hls/low/index.m3u8").body;
+    EXPECT_THAT(first, HasSubstr("#EXT-X-MEDIA-SEQUENCE:0\n"));
+    EXPECT_THAT(first, HasSubstr("#EXT-X-DISCONTINUITY\n#EXTINF:1.000000,\nseg6.ts\n"));
+    EXPECT_THAT(first, Not(HasSubstr("#EXT-X-ENDLIST")));
+    EXPECT_EQ(occurrences(first, "#EXTINF"), 8u);
     for (int seq : {1, 7}) {
-        auto seg = cli.Get(("/hls/low/seg" + std::to_string(seq) + ".ts").c_str());
-        ASSERT_TRUE(seg);
-        EXPECT_EQ(seg->get_header_value("Content-Type"), "video/MP2T");
-        EXPECT_TRUE(seg->body == read_file(kData + "hls/low/seg1.ts")) << seq;
+        httplib::Response seg = get(cli, "/hls/low/seg" + std::to_string(seq) + ".ts");
+        EXPECT_EQ(seg.get_header_value("Content-Type"), "video/MP2T");
+        EXPECT_TRUE(seg.body == read_file(kData + "hls/low/seg1.ts")) << seq;
     }
     // The window moves on in real time, one segment per segment duration.
     std::string later;
     wait_until(
         [&] {
-            auto again = cli.Get("/hls/low/index.m3u8");
-            later = again ? again->body : "";
+            later = get(cli, "/hls/low/index.m3u8").body;
             return later.find("#EXT-X-MEDIA-SEQUENCE:1\n") != std::string::npos;
         },
         10s, 50ms);
@@ -434,12 +434,8 @@ TEST(E2eSampleServer, LivePlaylistsSlideOverLoopedSegments)
     EXPECT_THAT(later, Not(HasSubstr("seg0.ts")));
 
     // The ended presentation lists the sample segments and ends.
-    auto ended = cli.Get("/vod/high/index.m3u8");
-    ASSERT_TRUE(ended);
-    EXPECT_THAT(ended->body, HasSubstr("seg5.ts\n#EXT-X-ENDLIST\n"));
-    auto unknown = cli.Get("/hls/low/../../samples.txt");
-    ASSERT_TRUE(unknown);
-    EXPECT_EQ(unknown->status, 404);
+    EXPECT_THAT(get(cli, "/vod/high/index.m3u8").body, HasSubstr("seg5.ts\n#EXT-X-ENDLIST\n"));
+    EXPECT_EQ(get(cli, "/hls/low/../../samples.txt").status, 404);
 }
 
 // Asks for the endless TS stream on `streams` connections at once and keeps
@@ -519,7 +515,6 @@ TEST(E2ePlayer, LiveStreamsPlayAcrossLoopPointsAndSurviveFaults)
     EXPECT_THAT(r.err, HasSubstr("channel 4 never started: " + longest + "\n"));
     ASSERT_EQ(f.status, 0) << f.err;
     std::vector<Json> played = summary_channels(r.out, 5);
-    ASSERT_EQ(played.size(), 5u);
     // Valid UTF-8 survives; the stray 0xff byte becomes U+FFFD.
     EXPECT_EQ(played[3]["url"], odd.substr(0, odd.size() - 4) + "\xef\xbf\xbd.ts");
     EXPECT_EQ(played[4]["url"], longest);
@@ -533,16 +528,16 @@ TEST(E2ePlayer, LiveStreamsPlayAcrossLoopPointsAndSurviveFaults)
     // point, at about the stream's own rate.
     played.resize(3);
     for (const Json &c : played) {
-        EXPECT_EQ(num(c, "started"), 1) << c["url"];
-        EXPECT_EQ(num(c, "stopped"), 1) << c["url"];
-        EXPECT_GT(num(c, "video_frames"), sample_video) << c["url"];
-        EXPECT_LT(num(c, "video_frames"), 25 * 11) << c["url"];
+        EXPECT_EQ(num(c, "started"), 1) << c;
+        EXPECT_EQ(num(c, "stopped"), 1) << c;
+        EXPECT_GT(num(c, "video_frames"), sample_video) << c;
+        EXPECT_LT(num(c, "video_frames"), 25 * 11) << c;
     }
     // Under faults every start is matched by a stop and frames still arrive.
     for (const Json &c : summary_channels(f.out, 3)) {
-        EXPECT_GE(num(c, "started"), 1) << c["url"];
-        EXPECT_EQ(num(c, "stopped"), num(c, "started")) << c["url"];
-        EXPECT_GT(num(c, "video_frames"), 0) << c["url"];
+        EXPECT_GE(num(c, "started"), 1) << c;
+        EXPECT_EQ(num(c, "stopped"), num(c, "started")) << c;
+        EXPECT_GT(num(c, "video_frames"), 0) << c;
     }
 }
 

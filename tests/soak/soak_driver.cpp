@@ -24,15 +24,16 @@
 
 namespace {
 
-struct ChannelState {
-    std::mutex lock;
-    bool started = false; // a STARTED is outstanding (no STOPPED after it yet)
-};
-
-std::vector<ChannelState> *g_channels;
+// Per channel, whether a STARTED is outstanding (no STOPPED after it yet).
+std::mutex g_lock;
+std::vector<char> g_started;
 // Totals for the report, in its order.
 enum { CYCLES, FRAMES, STARTED, STOPPED, CONNECT_ERRORS, BUSY_CHECKS, WORST_DISCONNECT_MS, VIOLATIONS, TOTALS };
 std::atomic<uint64_t> g_totals[TOTALS];
+std::map<std::string, long> g_opt = {{"--seconds", 60},  {"--channels", 16},
+                                     {"--threads", 4},   {"--seed", long(time(nullptr))},
+                                     {"--disconnect-limit-ms", 12000}};
+std::vector<std::string> g_urls;
 
 void violation(const char *what, int32_t channel)
 {
@@ -49,27 +50,26 @@ int32_t on_frame(int32_t, frame_info *, uint8_t *)
 
 void on_status(int32_t channel, int32_t status)
 {
-    ChannelState &state = (*g_channels)[size_t(channel)];
-    std::lock_guard<std::mutex> guard(state.lock);
+    std::lock_guard<std::mutex> guard(g_lock);
     if (status != HLS_STREAM_STARTED && status != HLS_STREAM_STOPPED)
         return violation("unknown status value", channel);
     const bool starts = status == HLS_STREAM_STARTED;
     g_totals[starts ? STARTED : STOPPED]++;
-    if (state.started == starts)
+    if (g_started[size_t(channel)] == starts)
         violation(starts ? "two STARTED without a STOPPED between" : "STOPPED without STARTED", channel);
-    state.started = starts;
+    g_started[size_t(channel)] = starts;
 }
 
 // Connects and disconnects random channels of its own (those congruent to
 // `t`, so that no channel is connected by two threads at once) until `end`.
-void host_thread(long t, long threads, long channels, long seed, long limit_ms, const std::vector<std::string> &urls,
-                 Clock::time_point end)
+void host_thread(long t, Clock::time_point end)
 {
-    std::mt19937_64 rng(uint64_t(seed) * 7919 + uint64_t(t));
+    const long threads = g_opt.at("--threads"), channels = g_opt.at("--channels");
+    std::mt19937_64 rng(uint64_t(g_opt.at("--seed")) * 7919 + uint64_t(t));
     const long span = (channels - t + threads - 1) / threads;
     while (span > 0 && Clock::now() < end) {
         int32_t channel = int32_t(t + threads * long(rng() % uint64_t(span)));
-        hls_connect_param param = make_param(urls[rng() % urls.size()], int32_t(rng() % 2), 3);
+        hls_connect_param param = make_param(g_urls[rng() % g_urls.size()], int32_t(rng() % 2), 3);
         int32_t r = hls_client_connect(channel, &param);
         if (r != 0) {
             g_totals[CONNECT_ERRORS]++;
@@ -87,10 +87,10 @@ void host_thread(long t, long threads, long channels, long seed, long limit_ms, 
         uint64_t took = uint64_t(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - before).count());
         for (uint64_t seen = g_totals[WORST_DISCONNECT_MS]; took > seen;)
             g_totals[WORST_DISCONNECT_MS].compare_exchange_weak(seen, took);
-        if (took > uint64_t(limit_ms))
+        if (took > uint64_t(g_opt.at("--disconnect-limit-ms")))
             violation("disconnect took longer than the limit", channel);
-        std::lock_guard<std::mutex> guard((*g_channels)[size_t(channel)].lock);
-        if ((*g_channels)[size_t(channel)].started)
+        std::lock_guard<std::mutex> guard(g_lock);
+        if (g_started[size_t(channel)])
             violation("disconnect returned without STOPPED after STARTED", channel);
         g_totals[CYCLES]++;
     }
@@ -100,18 +100,14 @@ void host_thread(long t, long threads, long channels, long seed, long limit_ms, 
 
 int main(int argc, char **argv)
 {
-    std::map<std::string, long> opt = {{"--seconds", 60},  {"--channels", 16},
-                                       {"--threads", 4},   {"--seed", long(time(nullptr))},
-                                       {"--disconnect-limit-ms", 12000}};
-    std::vector<std::string> urls;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
-        auto option = opt.find(a);
+        auto option = g_opt.find(a);
         char *end = nullptr;
-        if (option != opt.end() && i + 1 < argc) {
+        if (option != g_opt.end() && i + 1 < argc) {
             option->second = strtol(argv[++i], &end, 10);
         } else if (a.rfind("--", 0) != 0) {
-            urls.push_back(a);
+            g_urls.push_back(a);
             continue;
         }
         if (!end || end == argv[i] || *end || option->second < 0) {
@@ -119,24 +115,22 @@ int main(int argc, char **argv)
             return 2;
         }
     }
-    const long channels = opt["--channels"], threads = opt["--threads"];
-    if (urls.empty() || channels < 1 || threads < 1) {
+    const long channels = g_opt["--channels"], threads = g_opt["--threads"];
+    if (g_urls.empty() || channels < 1 || threads < 1) {
         fprintf(stderr, "usage: hls-soak [--seconds S] [--channels N] [--threads T] [--seed N] URL...\n");
         return 2;
     }
 
-    std::vector<ChannelState> states(static_cast<size_t>(channels));
-    g_channels = &states;
+    g_started.assign(size_t(channels), false);
     int32_t rc = hls_client_init(int32_t(channels), on_frame, on_status, nullptr);
     if (rc != 0) {
         fprintf(stderr, "hls_client_init failed: %d\n", rc);
         return 1;
     }
-    const Clock::time_point end = Clock::now() + std::chrono::seconds(opt["--seconds"]);
+    const Clock::time_point end = Clock::now() + std::chrono::seconds(g_opt["--seconds"]);
     std::vector<std::thread> workers;
     for (long t = 0; t < threads; ++t)
-        workers.emplace_back(host_thread, t, threads, channels, opt["--seed"], opt["--disconnect-limit-ms"],
-                             std::cref(urls), end);
+        workers.emplace_back(host_thread, t, end);
     for (std::thread &w : workers)
         w.join();
     hls_client_destroy();
