@@ -2,7 +2,6 @@
 // player loads the library and the reference demultiplexers. What arrives is
 // compared with the facts tests/data/samples.txt records for each sample.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <pty.h>
@@ -33,9 +32,6 @@ extern char **environ;
 
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
 using namespace std::chrono_literals;
 using Json = nlohmann::ordered_json;
 const std::string kPlayer = HLS_BINARY_DIR "/hlsplay";
@@ -46,6 +42,11 @@ std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+bool has(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
 }
 
 size_t occurrences(const std::string &text, const std::string &what)
@@ -238,13 +239,11 @@ TEST(E2ePlayer, CommandLinesGetTheirExitStatusAndMessage)
 {
     SampleServer taken; // its port is in use
     const std::string u = "http://127.0.0.1:1/x.ts";
-    // Errors go to standard error with nothing on standard output; help and
-    // version are not errors.
+    // Errors go to standard error with nothing on standard output.
     struct Case {
         std::vector<std::string> args;
         int status;
         std::string message;
-        ::testing::Matcher<std::string> out = std::string(); // what standard output holds
     } cases[] = {
         {{kPlayer}, 2, "no URL"},
         {{kPlayer, "--bogus", u}, 2, "unknown option '--bogus'"},
@@ -265,8 +264,6 @@ TEST(E2ePlayer, CommandLinesGetTheirExitStatusAndMessage)
         // A channel that never gets a frame is closed after the idle time, so
         // the player exits long before --seconds, with 1: no channel started.
         {{kPlayer, "--seconds", "60", "--stop-after-idle", "0.5", u}, 1, "channel 0 never started: " + u + "\n"},
-        {{kPlayer, "--help"}, 0, "", HasSubstr("usage: hlsplay")},
-        {{kPlayer, "--version"}, 0, "", "hlsplay " HLSCLIENT_VERSION_STRING "\n"},
         {{kServer, "--port", "70000"}, 2, "--port needs a whole number from 0 to 65535"},
         {{kServer, "--drop", "1.5"}, 2, "--drop needs a number from 0 to 1"},
         {{kServer, "--frobnicate"}, 2, "unknown option '--frobnicate'"},
@@ -277,9 +274,16 @@ TEST(E2ePlayer, CommandLinesGetTheirExitStatusAndMessage)
         Result r = run(c.args, 20);
         const std::string shown = c.args.size() > 1 ? c.args[1] : "(none)";
         EXPECT_EQ(r.status, c.status) << shown;
-        EXPECT_THAT(r.err, HasSubstr(c.message)) << shown;
-        EXPECT_THAT(r.out, c.out) << shown;
+        EXPECT_TRUE(has(r.err, c.message)) << shown << ": " << r.err;
+        EXPECT_EQ(r.out, "") << shown;
     }
+    // Help and version are not errors.
+    Result help = run({kPlayer, "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(has(help.out, "usage: hlsplay")) << help.out;
+    Result version = run({kPlayer, "--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "hlsplay " HLSCLIENT_VERSION_STRING "\n");
 }
 
 TEST(E2ePlayer, FiniteStreamsDeliverTheSampleFramesIntact)
@@ -339,13 +343,14 @@ TEST(E2ePlayer, FiniteStreamsDeliverTheSampleFramesIntact)
                 EXPECT_EQ(verified_video[video_sum].compare(0, video.size(), video), 0) << s;
             }
         }
-        EXPECT_THAT(num(c, "first_frame_ms"), AllOf(::testing::Ge(0), ::testing::Lt(5000))) << s;
+        EXPECT_GE(num(c, "first_frame_ms"), 0) << s;
+        EXPECT_LT(num(c, "first_frame_ms"), 5000) << s;
     }
     EXPECT_EQ(verified_video.count(facts["hls/high.video_sha256"]), 1u) << "no direct stream checks hls/high bytes";
     // Not a terminal: plain log lines, on standard error next to the JSON.
-    EXPECT_THAT(r.err, AllOf(HasSubstr("ch1 stream started"), HasSubstr("ch2 stream stopped"),
-                             HasSubstr("ch0 no frame for 4 s, disconnecting")));
-    EXPECT_THAT(rl.err, Not(HasSubstr("frames/s"))) << "--quiet still logged";
+    for (const char *line : {"ch1 stream started", "ch2 stream stopped", "ch0 no frame for 4 s, disconnecting"})
+        EXPECT_TRUE(has(r.err, line)) << line << " not in " << r.err;
+    EXPECT_FALSE(has(rl.err, "frames/s")) << "--quiet still logged: " << rl.err;
     std::system(("rm -rf " + dir).c_str());
 }
 
@@ -386,10 +391,10 @@ TEST(E2ePlayer, StopsCleanlyOnSignalsAndRedrawsAStatusDisplayOnATerminal)
     EXPECT_EQ(occurrences(screen, "\x1b[2A"), 2u) << screen;
     EXPECT_EQ(occurrences(screen, "\r\x1b[Kch"), 6u) << screen;
     // A status display, and no log lines on a terminal.
-    EXPECT_THAT(screen, AllOf(HasSubstr("ch1  playing"), Not(HasSubstr("stream started"))));
+    EXPECT_TRUE(has(screen, "ch1  playing") && !has(screen, "stream started")) << screen;
     size_t last = screen.rfind("\x1b[2A");
     ASSERT_NE(last, std::string::npos);
-    EXPECT_THAT(screen.substr(last), HasSubstr("ch0  stopped")) << "final redraw";
+    EXPECT_TRUE(has(screen.substr(last), "ch0  stopped")) << "final redraw: " << screen.substr(last);
 }
 
 // A GET on the sample server; a response with status -1 when it failed.
@@ -441,8 +446,8 @@ TEST(E2eSampleServer, SlidesLivePlaylistsOverLoopedSegmentsAndAnswersSixtyFourOp
     // Six sample segments, eight in the window: the loop point is listed,
     // marked as a discontinuity, and its segments are the sample's again.
     const std::string first = get(cli, "/hls/low/index.m3u8").body;
-    EXPECT_THAT(first, AllOf(HasSubstr("#EXT-X-MEDIA-SEQUENCE:0\n"), Not(HasSubstr("#EXT-X-ENDLIST")),
-                             HasSubstr("#EXT-X-DISCONTINUITY\n#EXTINF:1.000000,\nseg6.ts\n")));
+    EXPECT_TRUE(has(first, "#EXT-X-MEDIA-SEQUENCE:0\n") && !has(first, "#EXT-X-ENDLIST")) << first;
+    EXPECT_TRUE(has(first, "#EXT-X-DISCONTINUITY\n#EXTINF:1.000000,\nseg6.ts\n")) << first;
     EXPECT_EQ(occurrences(first, "#EXTINF"), 8u);
     for (int seq : {1, 7}) {
         httplib::Response seg = get(cli, "/hls/low/seg" + std::to_string(seq) + ".ts");
@@ -457,10 +462,10 @@ TEST(E2eSampleServer, SlidesLivePlaylistsOverLoopedSegmentsAndAnswersSixtyFourOp
             return later.find("#EXT-X-MEDIA-SEQUENCE:1\n") != std::string::npos;
         },
         10s, 50ms);
-    EXPECT_THAT(later, AllOf(HasSubstr("seg8.ts"), Not(HasSubstr("seg0.ts"))));
+    EXPECT_TRUE(has(later, "seg8.ts") && !has(later, "seg0.ts")) << later;
 
     // The ended presentation lists the sample segments and ends.
-    EXPECT_THAT(get(cli, "/vod/high/index.m3u8").body, HasSubstr("seg5.ts\n#EXT-X-ENDLIST\n"));
+    EXPECT_TRUE(has(get(cli, "/vod/high/index.m3u8").body, "seg5.ts\n#EXT-X-ENDLIST\n"));
     EXPECT_EQ(get(cli, "/hls/low/../../samples.txt").status, 404);
 
     // One stream alone first: how long an answer takes on this machine now.
@@ -502,8 +507,8 @@ TEST(E2ePlayer, LiveStreamsPlayAcrossLoopPointsAndSurviveFaults)
                     clean.url("/stream.flv"), odd, longest});
     Result f = faults.get();
     ASSERT_EQ(r.status, 3) << r.err;
-    EXPECT_THAT(r.err,
-                AllOf(HasSubstr("channel 3 never started: "), HasSubstr("channel 4 never started: " + longest + "\n")));
+    EXPECT_TRUE(has(r.err, "channel 3 never started: ")) << r.err;
+    EXPECT_TRUE(has(r.err, "channel 4 never started: " + longest + "\n")) << r.err;
     ASSERT_EQ(f.status, 0) << f.err;
     std::vector<Json> played = summary_channels(r.out, 5);
     // Valid UTF-8 survives; the stray 0xff byte becomes U+FFFD.
