@@ -120,7 +120,7 @@ TEST(ClientInterface, SecondInitIsRefusedAndDestroyClosesEveryChannel)
     // its end and its demultiplexer was released, and nothing comes later.
     for (int32_t channel = 0; channel < 3; ++channel)
         EXPECT_EQ(test_host::status_count(channel, HLS_STREAM_STOPPED), 1u) << channel;
-    EXPECT_EQ(test_host::count([](const HostEvent &e) { return e.kind == HostEvent::DemuxFree; }), 3u);
+    EXPECT_EQ(test_host::events(HostEvent::DemuxFree).size(), 3u);
     size_t events_at_destroy = test_host::events().size();
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(test_host::events().size(), events_at_destroy);
@@ -171,11 +171,7 @@ void cap_address_space(size_t headroom)
             munmap(r.first, r.second);
     g_reserved.clear();
     unsigned long pages = 0;
-    if (FILE *f = fopen("/proc/self/statm", "r")) {
-        if (fscanf(f, "%lu", &pages) != 1)
-            pages = 0;
-        fclose(f);
-    }
+    std::ifstream("/proc/self/statm") >> pages;
     rlimit limit;
     getrlimit(RLIMIT_AS, &limit);
     limit.rlim_cur = headroom ? pages * (rlim_t)sysconf(_SC_PAGESIZE) + headroom : limit.rlim_max;
