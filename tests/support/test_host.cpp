@@ -1,7 +1,5 @@
 #include "test_host.h"
 
-#include <string.h>
-
 #include <algorithm>
 #include <iterator>
 #include <mutex>
@@ -86,8 +84,7 @@ void status_cb(int32_t channel, int32_t status) { record(HostEvent{HostEvent::St
 std::string make_frame(uint32_t type, const std::string &payload, uint32_t pts, uint8_t frame_rate,
                        uint16_t frame_rate_frac)
 {
-    frame_info info;
-    memset(&info, 0, sizeof(info));
+    frame_info info{};
     info.type = type;
     if (is_video(info)) {
         info.video.frame_rate = frame_rate;
