@@ -4,8 +4,6 @@
 // pause that a disconnect cuts short (and that a host function of the same
 // name as the library's sleep does not replace); a demultiplexer that cannot
 // be created ends the channel, on any path.
-#include <gmock/gmock.h>
-
 #include "channel_stream.h"
 
 using namespace ::testing;
@@ -135,9 +133,7 @@ TEST_F(DirectStream, BrokenTransferStopsPausesAndReconnectsIntoSameDemuxUntilDis
         SCOPED_TRACE(kind.path);
         auto status = test_host::events(HostEvent::Status, channel);
         ASSERT_EQ(statuses_of(channel), (std::vector<int32_t>{HLS_STREAM_STARTED, HLS_STREAM_STOPPED, HLS_STREAM_STARTED}));
-        double pause = seconds_between(status[1].at, status[2].at);
-        EXPECT_GE(pause, 4.9);
-        EXPECT_LT(pause, 6.5);
+        EXPECT_THAT(seconds_between(status[1].at, status[2].at), AllOf(Ge(4.9), Lt(6.5)));
         EXPECT_EQ(g_host_usleep_calls.load(), 0);
         EXPECT_EQ(logged(kind, "return error: "), 1u) << err_.text();
         // One demultiplexer for the life of the channel stream.

@@ -5,8 +5,6 @@
 // channels so that the real 5-second waits run side by side.
 #include <sys/prctl.h>
 
-#include <gmock/gmock.h>
-
 #include "channel_stream.h"
 #include "hls_demux.h"
 #include "ts_downloader.h"
@@ -282,10 +280,8 @@ TEST_F(HlsPlayback, FailedDownloadsWaitFiveSecondsAndUnusablePlaylistsEndTheLoop
                statuses_of(7).size() == 2;
     }));
     for (double waited : {seconds_between(site_.nth_hit("/0/index.m3u8", 2), site_.nth_hit("/0/index.m3u8", 3)),
-                          seconds_between(site_.nth_hit("/1/v.m3u8", 1), site_.nth_hit("/1/index.m3u8", 3))}) {
-        EXPECT_GE(waited, 4.95);
-        EXPECT_LT(waited, 6.5);
-    }
+                          seconds_between(site_.nth_hit("/1/v.m3u8", 1), site_.nth_hit("/1/index.m3u8", 3))})
+        EXPECT_THAT(waited, AllOf(Ge(4.95), Lt(6.5)));
     EXPECT_EQ(site_.order("/1/", 5), (std::vector<std::string>{"/1/index.m3u8", "/1/index.m3u8", "/1/v.m3u8", "/1/index.m3u8", "/1/v.m3u8"}));
     // A media text never lands in the master slot, so channel 6 has no text to
     // show either. (Prefix and message are separate writes that concurrent
@@ -331,8 +327,7 @@ TEST_F(HlsPlayback, VideoPacedAtFrameRateAudioUnpacedAndDownloadsHeldWhileQueueI
         else
             after_audio.push_back(seconds_between(frames[i].at, frames[i + 1].at));
     ASSERT_GE(video.size(), 26u);
-    EXPECT_GT(seconds_between(video[0], video[25]), 0.85);
-    EXPECT_LT(seconds_between(video[0], video[25]), 1.4);
+    EXPECT_THAT(seconds_between(video[0], video[25]), AllOf(Gt(0.85), Lt(1.4)));
     std::sort(after_audio.begin(), after_audio.end());
     EXPECT_LT(after_audio[after_audio.size() / 2], 0.005);
 
@@ -340,8 +335,7 @@ TEST_F(HlsPlayback, VideoPacedAtFrameRateAudioUnpacedAndDownloadsHeldWhileQueueI
     // is until about 31 of the 60 had been delivered.
     Clock::time_point seg1_at = site_.nth_hit("/p/seg1.ts", 1);
     auto delivered = std::count_if(frames.begin(), frames.end(), [&](const HostEvent &e) { return e.at < seg1_at && test_host::is_video(e.info); });
-    EXPECT_GE(delivered, 30);
-    EXPECT_LE(delivered, 36);
+    EXPECT_THAT(delivered, AllOf(Ge(30), Le(36)));
     EXPECT_GT(seconds_between(site_.nth_hit("/p/seg0.ts", 1), seg1_at), 1.0);
     EXPECT_LT(timed_disconnect(6), 0.3);
 }

@@ -9,6 +9,8 @@
 #include "hls_demux.h"
 #include "hls_demux_stream.h"
 
+using namespace ::testing;
+
 namespace {
 
 std::string junk(size_t n) { return std::string(n, 'z'); }
@@ -162,9 +164,7 @@ TEST_F(DownloadThread, UndecidedProbeRepeatsEveryFiveSecondsUntilClosed)
     Site late([](int) { return Reply{"abcd", "text/plain"}; }, port);
 
     ASSERT_TRUE(test_host::wait_for([&] { return bare.hits("/") == 2; }, 8s));
-    double gap = seconds_between(bare.nth_hit("/", 1), bare.nth_hit("/", 2));
-    EXPECT_GE(gap, 4.9);
-    EXPECT_LT(gap, 6.5);
+    EXPECT_THAT(seconds_between(bare.nth_hit("/", 1), bare.nth_hit("/", 2)), AllOf(Ge(4.9), Lt(6.5)));
     ASSERT_TRUE(test_host::wait_for([&] { return err.contains("Not Supported Content-Type[text/plain]"); }, 3s));
     ASSERT_EQ(late.hits("/"), 1u);
     EXPECT_GE(seconds_between(connected, late.nth_hit("/", 1)), 4.9);

@@ -3,7 +3,7 @@
 // up with the recording host.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <string.h>
 
 #include <algorithm>
