@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +36,12 @@ struct HostEvent {
     std::thread::id thread;
     std::chrono::steady_clock::time_point at;
 };
+
+// How a failure message shows an event.
+inline void PrintTo(const HostEvent &e, std::ostream *os)
+{
+    *os << "{kind " << e.kind << ", channel " << e.channel << ", value " << e.value << "}";
+}
 
 namespace test_host {
 
