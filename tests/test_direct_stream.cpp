@@ -113,8 +113,7 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
         EXPECT_EQ(hls_client_disconnect(channel), 0);
     EXPECT_EQ(statuses_of(0), stopped_before_close); // not repeated on close
     // Every demultiplexer made (one per kind, checked above) was released.
-    EXPECT_EQ(test_host::events(HostEvent::DemuxFree).size(),
-              test_host::events(HostEvent::DemuxNew).size());
+    EXPECT_EQ(test_host::events(HostEvent::DemuxFree).size(), test_host::events(HostEvent::DemuxNew).size());
 }
 
 TEST_F(DirectStream, BrokenTransferStopsPausesAndReconnectsIntoSameDemuxUntilDisconnected)
