@@ -17,6 +17,9 @@ int32_t ts_demux_put_data(void *, const uint8_t *, uint32_t size)
 }
 void ts_demux_free(void *) {}
 void *flv_demux_new(demux_frame_cb, void *) { return &g_handle; }
-int32_t flv_demux_put_data(void *handle, const uint8_t *data, uint32_t size) { return ts_demux_put_data(handle, data, size); }
+int32_t flv_demux_put_data(void *handle, const uint8_t *data, uint32_t size)
+{
+    return ts_demux_put_data(handle, data, size);
+}
 void flv_demux_free(void *) {}
 }
