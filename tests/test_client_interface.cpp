@@ -11,30 +11,6 @@ namespace {
 // thread probes once, writes "Not Supported" and ends, keeping its slot.
 Reply page(int) { return Reply{"<html></html>", "text/html"}; }
 
-TEST(ClientInterface, CallsBeforeInitAfterDestroyOrAfterRefusedInitGiveNotInitialised)
-{
-    hls_connect_param param = make_param("http://127.0.0.1:1/");
-    auto refused = [&](const char *when) {
-        EXPECT_EQ(hls_client_connect(0, &param), -3) << when;
-        EXPECT_EQ(hls_client_connect(-1, nullptr), -3) << when; // wins over bad arguments
-        EXPECT_EQ(hls_client_disconnect(0), -3) << when;
-    };
-    EXPECT_EQ(hls_client_destroy(), 0);
-    refused("never initialised");
-    struct Case { int32_t channels; hls_frame_cb frame; hls_status_cb status; } bad[] = {
-        {0, test_host::frame_cb, test_host::status_cb},  {-1, test_host::frame_cb, test_host::status_cb},
-        {INT32_MIN, test_host::frame_cb, test_host::status_cb}, {1, nullptr, test_host::status_cb},
-        {1, test_host::frame_cb, nullptr},
-    };
-    for (const Case &c : bad) {
-        EXPECT_EQ(hls_client_init(c.channels, c.frame, c.status, "/tmp"), -2) << c.channels;
-        refused("after a refused init");
-    }
-    ASSERT_EQ(init_client(1), 0);
-    EXPECT_EQ(hls_client_destroy(), 0);
-    refused("after destroy");
-}
-
 class ConnectTest : public ClientTest {};
 
 TEST_F(ConnectTest, ArgumentsAreCheckedInOrderAndSlotsStayTakenUntilDisconnected)
@@ -100,13 +76,30 @@ std::atomic<int> g_foreign_calls{0};
 int32_t foreign_frame(int32_t, frame_info *, uint8_t *) { return ++g_foreign_calls; }
 void foreign_status(int32_t, int32_t) { ++g_foreign_calls; }
 
-TEST(ClientInterface, SecondInitIsRefusedAndDestroyClosesEveryChannel)
+// Calls before init, after a refused init and after destroy give -3; a
+// second init is refused; destroy closes every channel, and init works again.
+TEST(ClientInterface, InitOnceDestroyClosesEveryChannelAndCallsOutsideGiveNotInitialised)
 {
     test_host::reset();
     Site site;
     site.on("/ts", Reply{ts_sync_prefix(), "video/MP2T", 200, 0, SIZE_MAX});
     hls_connect_param param = make_param(site.url("/ts"));
-
+    auto refused = [&](const char *when) {
+        EXPECT_EQ(hls_client_connect(0, &param), -3) << when;
+        EXPECT_EQ(hls_client_connect(-1, nullptr), -3) << when; // wins over bad arguments
+        EXPECT_EQ(hls_client_disconnect(0), -3) << when;
+    };
+    EXPECT_EQ(hls_client_destroy(), 0);
+    refused("never initialised");
+    struct Case { int32_t channels; hls_frame_cb frame; hls_status_cb status; } bad[] = {
+        {0, test_host::frame_cb, test_host::status_cb},  {-1, test_host::frame_cb, test_host::status_cb},
+        {INT32_MIN, test_host::frame_cb, test_host::status_cb}, {1, nullptr, test_host::status_cb},
+        {1, test_host::frame_cb, nullptr},
+    };
+    for (const Case &c : bad) {
+        EXPECT_EQ(hls_client_init(c.channels, c.frame, c.status, "/tmp"), -2) << c.channels;
+        refused("after a refused init");
+    }
     ASSERT_EQ(hls_client_init(3, test_host::frame_cb, test_host::status_cb, nullptr), 0);
     EXPECT_EQ(hls_client_init(8, foreign_frame, foreign_status, "/tmp"), -2);
     EXPECT_EQ(hls_client_connect(3, &param), -2); // the channel count is still 3
@@ -120,11 +113,12 @@ TEST(ClientInterface, SecondInitIsRefusedAndDestroyClosesEveryChannel)
     // its end and its demultiplexer was released, and nothing comes later.
     for (int32_t channel = 0; channel < 3; ++channel)
         EXPECT_EQ(test_host::status_count(channel, HLS_STREAM_STOPPED), 1u) << channel;
-    EXPECT_EQ(test_host::count([](const HostEvent &e) { return e.kind == HostEvent::DemuxFree; }), 3u);
+    EXPECT_EQ(test_host::events(HostEvent::DemuxFree).size(), 3u);
     size_t events_at_destroy = test_host::events().size();
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(test_host::events().size(), events_at_destroy);
     EXPECT_EQ(g_foreign_calls.load(), 0);
+    refused("after destroy");
 
     ASSERT_EQ(hls_client_init(1, test_host::frame_cb, test_host::status_cb, nullptr), 0);
     EXPECT_EQ(hls_client_connect(0, &param), 0);
@@ -171,11 +165,7 @@ void cap_address_space(size_t headroom)
             munmap(r.first, r.second);
     g_reserved.clear();
     unsigned long pages = 0;
-    if (FILE *f = fopen("/proc/self/statm", "r")) {
-        if (fscanf(f, "%lu", &pages) != 1)
-            pages = 0;
-        fclose(f);
-    }
+    std::ifstream("/proc/self/statm") >> pages;
     rlimit limit;
     getrlimit(RLIMIT_AS, &limit);
     limit.rlim_cur = headroom ? pages * (rlim_t)sysconf(_SC_PAGESIZE) + headroom : limit.rlim_max;

@@ -6,6 +6,8 @@
 // be created ends the channel, on any path.
 #include "channel_stream.h"
 
+using namespace ::testing;
+
 // The host's own hal_usleep, exported from this executable: it only counts,
 // so a library whose pauses called it would retry at once.
 static std::atomic<int> g_host_usleep_calls{0};
@@ -28,7 +30,7 @@ const Kind kKinds[] = {
 
 size_t events_of(HostEvent::Kind kind, bool flv)
 {
-    return test_host::count([&](const HostEvent &e) { return e.kind == kind && e.flv == flv; });
+    return test_host::events([&](const HostEvent &e) { return e.kind == kind && e.flv == flv; }).size();
 }
 
 class DirectStream : public ClientTest {
@@ -42,6 +44,11 @@ protected:
             site_.on(kind.path, [&kind, script](int hit) { return script(kind, hit); });
             connect_to(channel, site_.url(kind.path));
         }
+    }
+    // How often the kind's transfer logged `outcome` for its URL.
+    size_t logged(const Kind &kind, const std::string &outcome)
+    {
+        return err_.count(std::string(kind.function) + ">: curl_easy_perform(" + site_.url(kind.path) + ") " + outcome);
     }
     Site site_;
     StderrCapture err_;
@@ -81,7 +88,7 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
         // In order, inside the transfer, on the channel's download thread,
         // with the start reported there before the first bytes went in.
         auto mine = [&](const HostEvent &e) { return e.kind == HostEvent::Put ? e.flv == kind.flv : e.channel == channel; };
-        auto seen = events_where(mine);
+        auto seen = test_host::events(mine);
         ASSERT_EQ(seen.front().kind, HostEvent::Status);
         ASSERT_EQ(seen[1].kind, HostEvent::Put);
         EXPECT_NE(seen.front().thread, std::this_thread::get_id());
@@ -95,13 +102,10 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
         }
         EXPECT_EQ(frames, kind.frames);
         EXPECT_EQ(statuses_of(channel), kStartedStopped);
-        EXPECT_EQ(err_.count(std::string(kind.function) + ">: curl_easy_perform(" + site_.url(kind.path) +
-                             ") immediately return CURLE_OK!\n"),
-                  1u)
-            << err_.text();
+        EXPECT_EQ(logged(kind, "immediately return CURLE_OK!\n"), 1u) << err_.text();
     }
     // The host's result went back to the demultiplexer untouched.
-    EXPECT_EQ(test_host::callback_results(), std::vector<int32_t>(streamed, 41));
+    EXPECT_THAT(test_host::events(HostEvent::Result), AllOf(SizeIs(streamed), Each(Field(&HostEvent::value, 41))));
     EXPECT_FALSE(err_.contains("return error"));
 
     const std::vector<int32_t> stopped_before_close = statuses_of(0);
@@ -109,8 +113,7 @@ TEST_F(DirectStream, FramesReachHostOnDownloadThreadUntilServerEndsStream)
         EXPECT_EQ(hls_client_disconnect(channel), 0);
     EXPECT_EQ(statuses_of(0), stopped_before_close); // not repeated on close
     // Every demultiplexer made (one per kind, checked above) was released.
-    EXPECT_EQ(test_host::count([](const HostEvent &e) { return e.kind == HostEvent::DemuxFree; }),
-              test_host::count([](const HostEvent &e) { return e.kind == HostEvent::DemuxNew; }));
+    EXPECT_EQ(test_host::events(HostEvent::DemuxFree).size(), test_host::events(HostEvent::DemuxNew).size());
 }
 
 TEST_F(DirectStream, BrokenTransferStopsPausesAndReconnectsIntoSameDemuxUntilDisconnected)
@@ -127,15 +130,11 @@ TEST_F(DirectStream, BrokenTransferStopsPausesAndReconnectsIntoSameDemuxUntilDis
     for (int32_t channel : {0, 1}) {
         const Kind &kind = kKinds[channel];
         SCOPED_TRACE(kind.path);
-        auto status = events_where([&](const HostEvent &e) { return e.kind == HostEvent::Status && e.channel == channel; });
-        EXPECT_EQ(statuses_of(channel), (std::vector<int32_t>{HLS_STREAM_STARTED, HLS_STREAM_STOPPED, HLS_STREAM_STARTED}));
-        ASSERT_EQ(status.size(), 3u);
-        double pause = seconds_between(status[1].at, status[2].at);
-        EXPECT_GE(pause, 4.9);
-        EXPECT_LT(pause, 6.5);
+        auto status = test_host::events(HostEvent::Status, channel);
+        ASSERT_EQ(statuses_of(channel), (std::vector<int32_t>{HLS_STREAM_STARTED, HLS_STREAM_STOPPED, HLS_STREAM_STARTED}));
+        EXPECT_THAT(seconds_between(status[1].at, status[2].at), AllOf(Ge(4.9), Lt(6.5)));
         EXPECT_EQ(g_host_usleep_calls.load(), 0);
-        EXPECT_EQ(err_.count(std::string(kind.function) + ">: curl_easy_perform(" + site_.url(kind.path) + ") return error: "), 1u)
-            << err_.text();
+        EXPECT_EQ(logged(kind, "return error: "), 1u) << err_.text();
         // One demultiplexer for the life of the channel stream.
         EXPECT_EQ(events_of(HostEvent::DemuxNew, kind.flv), 1u);
         EXPECT_EQ(events_of(HostEvent::DemuxFree, kind.flv), 0u);
@@ -167,7 +166,7 @@ TEST_F(DirectStream, ErrorBeforeAnyDataIsOnlyLoggedAndItsPauseEndsOnDisconnect)
     EXPECT_LT(timed_disconnect(3), 0.2);
     EXPECT_EQ(site_.hits("/ts"), 2u);
     EXPECT_EQ(err_.count("return error"), 1u);
-    EXPECT_EQ(test_host::count([](const HostEvent &e) { return e.kind == HostEvent::Status || e.kind == HostEvent::Put; }), 0u);
+    EXPECT_EQ(test_host::events(HostEvent::Status).size() + test_host::events(HostEvent::Put).size(), 0u);
     EXPECT_EQ(events_of(HostEvent::DemuxFree, false), 1u);
 }
 

@@ -2,7 +2,6 @@
 // their edges (the 32-bit millisecond wrap, the queue-depth steps, the rate
 // clamp), and the holder's frame input and start-up guards.
 #include <gtest/gtest.h>
-#include <string.h>
 
 #include "hls_demux.h"
 #include "stderr_capture.h"
@@ -60,8 +59,7 @@ TEST(HlsPacingDecisions, FrameRateTakenFromKeyFramesOnly)
         {25, other, 60, 0, 25}, {30, other, 10, 900, 30},
     };
     for (const Case &c : cases) {
-        frame_info info;
-        memset(&info, 0, sizeof(info));
+        frame_info info{};
         info.type = c.type;
         info.video.frame_rate = c.rate;
         info.video.frame_rate_frac = c.frac;
@@ -109,8 +107,7 @@ TEST(HlsPacingDecisions, PeriodAndNextTickOnTheSecondGrid)
 
 TEST(HlsHolder, FrameInputQueuesIntoTheHolderAndHandsBackTheQueueResult)
 {
-    hls_demux holder;
-    memset(&holder, 0, sizeof(holder));
+    hls_demux holder{};
     ASSERT_EQ(frame_queue_init(&holder.frame_queue), 0);
     frame_info info{};
     info.type = HLS_FRAME_TYPE_VIDEO_KEY;

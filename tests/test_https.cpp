@@ -57,13 +57,12 @@ protected:
 
 hls_connect_param param(const std::string &scheme, const char *path)
 {
-    hls_connect_param p = make_param(scheme + "://127.0.0.1:" + std::to_string(local->port()) + path);
+    hls_connect_param p = make_param(scheme + "://127.0.0.1:" + std::to_string(local->port()) + path, 0, 30);
     // Both ends of every handshake run in this process, and the client also
     // reads the system's whole CA bundle (libcurl's default CA file stays
     // set beside a CA directory). Under an emulator on a busy machine that
     // takes seconds, so the limits leave room; nothing here waits for them.
     p.connect_timeout = 30;
-    p.timeout = 30;
     return p;
 }
 

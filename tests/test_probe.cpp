@@ -2,13 +2,14 @@
 // boundaries, the Content-Type table, one probe attempt against real
 // responses, and the download thread's retry pause and naming.
 #include <arpa/inet.h>
-#include <ctype.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include "channel_stream.h"
 #include "hls_demux.h"
 #include "hls_demux_stream.h"
+
+using namespace ::testing;
 
 namespace {
 
@@ -76,20 +77,6 @@ int32_t probe(const std::string &url)
     return protocol;
 }
 
-// The protocol a Content-Type alone decides: the exact types, in any case.
-int32_t protocol_of_type(std::string type)
-{
-    std::transform(type.begin(), type.end(), type.begin(), [](unsigned char ch) { return (char)tolower(ch); });
-    if (type == "video/mp2t")
-        return HLS_PROTOCOL_TS;
-    if (type == "video/x-flv")
-        return HLS_PROTOCOL_FLV;
-    for (const char *playlist : {"application/x-mpegurl", "application/vnd.apple.mpegurl", "audio/mpegurl", "audio/x-mpegurl"})
-        if (type == playlist)
-            return HLS_PROTOCOL_M3U8;
-    return HLS_PROTOCOL_UNSUPPORTED;
-}
-
 class ProbeAttempt : public ClientTest {};
 
 TEST_F(ProbeAttempt, SniffedBytesWinAndTheContentTypeDecidesOtherwise)
@@ -97,27 +84,31 @@ TEST_F(ProbeAttempt, SniffedBytesWinAndTheContentTypeDecidesOtherwise)
     StderrCapture err;
     Site site;
     const size_t kEndless = SIZE_MAX;
-    struct Case { const char *path; Reply reply; int32_t protocol; } cases[] = {
-        {"/ts563", {ts_sync_prefix(563), "text/html"}, HLS_PROTOCOL_UNSUPPORTED},
-        {"/ts564", {ts_sync_prefix(564), "text/html"}, HLS_PROTOCOL_TS},
-        {"/fl", {"FLX" + junk(100), "video/MP2T"}, HLS_PROTOCOL_TS},
-        {"/bom", {"\xEF\xBB\xBF#EXTM3U\n#EXT-X-VERSION:3\n", "video/x-flv"}, HLS_PROTOCOL_M3U8},
-        {"/lower", {junk(5000), "video/mp2t"}, HLS_PROTOCOL_TS},
-        {"/html", {junk(5000), "text/html"}, HLS_PROTOCOL_UNSUPPORTED},
-        {"/flvtype", {junk(10), "VIDEO/X-FLV"}, HLS_PROTOCOL_FLV},
-        {"/m1", {junk(10), "application/x-mpegurl"}, HLS_PROTOCOL_M3U8},
-        {"/m2", {junk(10), "Application/Vnd.Apple.MpegURL"}, HLS_PROTOCOL_M3U8},
-        {"/m3", {junk(10), "audio/mpegurl"}, HLS_PROTOCOL_M3U8},
-        {"/m4", {junk(10), "AUDIO/X-MPEGURL"}, HLS_PROTOCOL_M3U8},
-        {"/param", {junk(10), "video/MP2T; charset=x"}, HLS_PROTOCOL_UNSUPPORTED},
-        {"/empty", {"", "video/x-flv"}, HLS_PROTOCOL_FLV},
+    const int32_t ts = HLS_PROTOCOL_TS, flv = HLS_PROTOCOL_FLV;
+    const int32_t m3u8 = HLS_PROTOCOL_M3U8, none = HLS_PROTOCOL_UNSUPPORTED;
+    // by_type: what the Content-Type alone decides (a redirect's final page is
+    // text/html), the verdict when the probe could not keep its bytes.
+    struct Case { const char *path; Reply reply; int32_t protocol, by_type; } cases[] = {
+        {"/ts563", {ts_sync_prefix(563), "text/html"}, none, none},
+        {"/ts564", {ts_sync_prefix(564), "text/html"}, ts, none},
+        {"/fl", {"FLX" + junk(100), "video/MP2T"}, ts, ts},
+        {"/bom", {"\xEF\xBB\xBF#EXTM3U\n#EXT-X-VERSION:3\n", "video/x-flv"}, m3u8, flv},
+        {"/lower", {junk(5000), "video/mp2t"}, ts, ts},
+        {"/html", {junk(5000), "text/html"}, none, none},
+        {"/flvtype", {junk(10), "VIDEO/X-FLV"}, flv, flv},
+        {"/m1", {junk(10), "application/x-mpegurl"}, m3u8, m3u8},
+        {"/m2", {junk(10), "Application/Vnd.Apple.MpegURL"}, m3u8, m3u8},
+        {"/m3", {junk(10), "audio/mpegurl"}, m3u8, m3u8},
+        {"/m4", {junk(10), "AUDIO/X-MPEGURL"}, m3u8, m3u8},
+        {"/param", {junk(10), "video/MP2T; charset=x"}, none, none},
+        {"/empty", {"", "video/x-flv"}, flv, flv},
         // Redirects are followed; the final response decides.
-        {"/hop", {"", "", 302, 0, 0, false, "/hop2"}, HLS_PROTOCOL_TS},
-        {"/hop2", {"", "", 302, 0, 0, false, "/ts564"}, HLS_PROTOCOL_TS},
+        {"/hop", {"", "", 302, 0, 0, false, "/hop2"}, ts, none},
+        {"/hop2", {"", "", 302, 0, 0, false, "/ts564"}, ts, none},
         // Endless bodies: only an early decision ends these transfers in time.
-        {"/endless-ts", {ts_sync_prefix(), "text/html", 200, 0, kEndless}, HLS_PROTOCOL_TS},
-        {"/gives-up", {junk(4097), "video/x-flv", 200, 0, kEndless}, HLS_PROTOCOL_FLV},
-        {"/inside", {junk(4090) + "#EXTM3U", "video/x-flv", 200, 0, kEndless}, HLS_PROTOCOL_M3U8},
+        {"/endless-ts", {ts_sync_prefix(), "text/html", 200, 0, kEndless}, ts, none},
+        {"/gives-up", {junk(4097), "video/x-flv", 200, 0, kEndless}, flv, flv},
+        {"/inside", {junk(4090) + "#EXTM3U", "video/x-flv", 200, 0, kEndless}, m3u8, flv},
     };
     for (const Case &c : cases)
         site.on(c.path, c.reply);
@@ -126,10 +117,8 @@ TEST_F(ProbeAttempt, SniffedBytesWinAndTheContentTypeDecidesOtherwise)
         auto start = Clock::now();
         const bool failed_before = torture_mode();
         int32_t protocol = probe(site.url(c.path));
-        // A probe whose bytes could not be kept is decided by the Content-Type
-        // alone (a redirect's final page is text/html, which decides nothing).
         const bool by_type = !failed_before && torture_mode();
-        int32_t want = by_type ? protocol_of_type(c.reply.type) : c.protocol;
+        int32_t want = by_type ? c.by_type : c.protocol;
         EXPECT_EQ(protocol, want) << c.path;
         EXPECT_LT(seconds_between(start, Clock::now()), 2.0) << c.path << ": transfer not cut short";
         bool unsupported = want == HLS_PROTOCOL_UNSUPPORTED;
@@ -175,9 +164,7 @@ TEST_F(DownloadThread, UndecidedProbeRepeatsEveryFiveSecondsUntilClosed)
     Site late([](int) { return Reply{"abcd", "text/plain"}; }, port);
 
     ASSERT_TRUE(test_host::wait_for([&] { return bare.hits("/") == 2; }, 8s));
-    double gap = seconds_between(bare.nth_hit("/", 1), bare.nth_hit("/", 2));
-    EXPECT_GE(gap, 4.9);
-    EXPECT_LT(gap, 6.5);
+    EXPECT_THAT(seconds_between(bare.nth_hit("/", 1), bare.nth_hit("/", 2)), AllOf(Ge(4.9), Lt(6.5)));
     ASSERT_TRUE(test_host::wait_for([&] { return err.contains("Not Supported Content-Type[text/plain]"); }, 3s));
     ASSERT_EQ(late.hits("/"), 1u);
     EXPECT_GE(seconds_between(connected, late.nth_hit("/", 1)), 4.9);
@@ -196,9 +183,8 @@ void count_signal(int) { ++g_signals; }
 
 TEST(HalSleep, ResumesAfterSignalsAndRejectsWholeSeconds)
 {
-    struct sigaction action{}, old{};
-    action.sa_handler = count_signal; // no SA_RESTART: nanosleep returns EINTR
-    sigaction(SIGUSR1, &action, &old);
+    // nanosleep is never restarted after a handler, whatever its flags.
+    auto old = signal(SIGUSR1, count_signal);
     pthread_t sleeper = pthread_self();
     std::atomic<bool> done{false};
     std::thread pester([&] {
@@ -211,7 +197,7 @@ TEST(HalSleep, ResumesAfterSignalsAndRejectsWholeSeconds)
     int during = g_signals;
     done = true;
     pester.join();
-    sigaction(SIGUSR1, &old, nullptr);
+    signal(SIGUSR1, old);
     EXPECT_GT(during, 3);    // the sleep really was interrupted
     EXPECT_GE(slept, 0.060); // and still lasted the whole time
 

@@ -3,11 +3,11 @@
 // up with the recording host.
 #pragma once
 
-#include <dirent.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <string.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -38,36 +38,18 @@ inline std::string stream_frame(size_t i, bool ts_packet = false)
     return frame;
 }
 
-inline std::vector<HostEvent> events_where(const std::function<bool(const HostEvent &)> &pred)
-{
-    std::vector<HostEvent> out;
-    for (const HostEvent &e : test_host::events())
-        if (pred(e))
-            out.push_back(e);
-    return out;
-}
-
 const std::vector<int32_t> kStarted{HLS_STREAM_STARTED}, kStartedStopped{HLS_STREAM_STARTED, HLS_STREAM_STOPPED};
-inline std::vector<int32_t> statuses_of(int32_t channel)
-{
-    std::vector<int32_t> out;
-    for (const HostEvent &e : events_where([&](const HostEvent &e) { return e.kind == HostEvent::Status && e.channel == channel; }))
-        out.push_back(e.value);
-    return out;
-}
+using test_host::statuses_of;
 
 inline bool thread_named(const std::string &name)
 {
-    bool found = false;
-    if (DIR *dir = opendir("/proc/self/task")) {
-        while (dirent *entry = readdir(dir)) {
-            std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-            std::string line;
-            found = found || (std::getline(comm, line) && line == name);
-        }
-        closedir(dir);
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string line;
+        if (std::getline(comm, line) && line == name)
+            return true;
     }
-    return found;
+    return false;
 }
 
 // A joined thread can stay listed for a moment: its exit finishes after the
@@ -219,13 +201,6 @@ inline int32_t init_client(int32_t channels)
     });
 }
 
-// hls_client_connect; without memory for the channel stream it gives -6 and
-// the slot stays free for the torture retry.
-inline int32_t connect_channel(int32_t channel, const hls_connect_param &param)
-{
-    return torture_retry(-6, [&] { return hls_client_connect(channel, &param); });
-}
-
 // Sets the library up with the recording host for kChannels channels and
 // tears it down (joining every channel) at the end of the test.
 class ClientTest : public ::testing::Test {
@@ -239,10 +214,12 @@ protected:
 
     void TearDown() override { hls_client_destroy(); }
 
+    // Without memory for the channel stream a connect gives -6 and the slot
+    // stays free for the torture retry.
     static void connect_to(int32_t channel, const std::string &url, int32_t low_bandwidth = 0)
     {
         hls_connect_param param = make_param(url, low_bandwidth);
-        ASSERT_EQ(connect_channel(channel, param), 0) << url;
+        ASSERT_EQ(torture_retry(-6, [&] { return hls_client_connect(channel, &param); }), 0) << url;
     }
     // Disconnects and returns how long the call took, in seconds.
     static double timed_disconnect(int32_t channel)

@@ -7,11 +7,6 @@
 #include "hls_host_demux.h"
 #include "test_host.h"
 
-namespace test_host {
-void record_event(HostEvent event);
-void record_callback_result(int32_t result);
-}
-
 namespace {
 
 struct TestDemux {
@@ -26,23 +21,17 @@ void *demux_new(demux_frame_cb cb, void *user, bool flv)
     if ((flv ? test_host::fail_flv_new : test_host::fail_ts_new).load())
         return nullptr;
     TestDemux *demux = new TestDemux{cb, user, flv, {}};
-    HostEvent e{HostEvent::DemuxNew};
-    e.handle = demux;
-    e.flv = flv;
-    test_host::record_event(std::move(e));
+    test_host::record(HostEvent{HostEvent::DemuxNew, -1, 0, demux, flv});
     return demux;
 }
 
 int32_t demux_put(void *handle, const uint8_t *data, uint32_t size)
 {
     TestDemux *demux = static_cast<TestDemux *>(handle);
-    HostEvent e{HostEvent::Put};
-    e.handle = demux;
-    e.flv = demux->flv;
-    e.value = (int32_t)size;
+    HostEvent e{HostEvent::Put, -1, (int32_t)size, demux, demux->flv};
     if (test_host::keep_pieces.load())
         e.data.assign(reinterpret_cast<const char *>(data), size);
-    test_host::record_event(std::move(e));
+    test_host::record(std::move(e));
 
     demux->pending.append(reinterpret_cast<const char *>(data), size);
     const size_t header = 4 + sizeof(frame_info);
@@ -61,7 +50,7 @@ int32_t demux_put(void *handle, const uint8_t *data, uint32_t size)
             break;
         std::string bytes = demux->pending.substr(at + header, length);
         int32_t result = demux->cb(demux, &info, reinterpret_cast<uint8_t *>(&bytes[0]), demux->user);
-        test_host::record_callback_result(result);
+        test_host::record(HostEvent{HostEvent::Result, -1, result});
         at += header + length;
     }
     demux->pending.erase(0, at);
@@ -73,10 +62,7 @@ void demux_free(void *handle)
     if (!handle)
         return;
     TestDemux *demux = static_cast<TestDemux *>(handle);
-    HostEvent e{HostEvent::DemuxFree};
-    e.handle = demux;
-    e.flv = demux->flv;
-    test_host::record_event(std::move(e));
+    test_host::record(HostEvent{HostEvent::DemuxFree, -1, 0, demux, demux->flv});
     delete demux;
 }
 

@@ -1,7 +1,7 @@
 #include "test_host.h"
 
-#include <string.h>
-
+#include <algorithm>
+#include <iterator>
 #include <mutex>
 
 namespace test_host {
@@ -14,7 +14,7 @@ std::atomic<bool> keep_pieces{false};
 namespace {
 std::mutex g_lock;
 std::vector<HostEvent> g_events;
-std::vector<int32_t> g_results;
+} // namespace
 
 void record(HostEvent event)
 {
@@ -23,92 +23,68 @@ void record(HostEvent event)
     std::lock_guard<std::mutex> guard(g_lock);
     g_events.push_back(std::move(event));
 }
-} // namespace
-
-void record_event(HostEvent event) { record(std::move(event)); }
-
-void record_callback_result(int32_t result)
-{
-    std::lock_guard<std::mutex> guard(g_lock);
-    g_results.push_back(result);
-}
 
 void reset()
 {
     std::lock_guard<std::mutex> guard(g_lock);
     g_events.clear();
-    g_results.clear();
     frame_result = 0;
     fail_ts_new = false;
     fail_flv_new = false;
     keep_pieces = false;
 }
 
-std::vector<HostEvent> events()
+std::vector<HostEvent> events(const std::function<bool(const HostEvent &)> &pred)
 {
     std::lock_guard<std::mutex> guard(g_lock);
-    return g_events;
+    std::vector<HostEvent> out;
+    std::copy_if(g_events.begin(), g_events.end(), std::back_inserter(out),
+                 [&](const HostEvent &e) { return !pred || pred(e); });
+    return out;
 }
 
-std::vector<int32_t> callback_results()
+std::vector<int32_t> statuses_of(int32_t channel)
 {
-    std::lock_guard<std::mutex> guard(g_lock);
-    return g_results;
-}
-
-size_t count(const std::function<bool(const HostEvent &)> &pred)
-{
-    std::lock_guard<std::mutex> guard(g_lock);
-    size_t n = 0;
-    for (const HostEvent &e : g_events)
-        n += pred(e) ? 1 : 0;
-    return n;
+    std::vector<int32_t> out;
+    for (const HostEvent &e : events(HostEvent::Status, channel))
+        out.push_back(e.value);
+    return out;
 }
 
 size_t status_count(int32_t channel, int32_t status)
 {
-    return count([&](const HostEvent &e) { return e.kind == HostEvent::Status && e.channel == channel && e.value == status; });
+    const std::vector<int32_t> statuses = statuses_of(channel);
+    return (size_t)std::count(statuses.begin(), statuses.end(), status);
 }
 
 size_t frame_count(int32_t channel)
 {
-    return count([&](const HostEvent &e) { return e.kind == HostEvent::Frame && e.channel == channel; });
+    return events(HostEvent::Frame, channel).size();
 }
 
 std::string received_bytes(bool flv)
 {
-    std::lock_guard<std::mutex> guard(g_lock);
     std::string all;
-    for (const HostEvent &e : g_events)
-        if (e.kind == HostEvent::Put && e.flv == flv)
-            all += e.data;
+    for (const HostEvent &e : events([&](const HostEvent &e) { return e.kind == HostEvent::Put && e.flv == flv; }))
+        all += e.data;
     return all;
 }
 
 int32_t frame_cb(int32_t channel, frame_info *info, uint8_t *data)
 {
-    HostEvent e{HostEvent::Frame};
-    e.channel = channel;
+    HostEvent e{HostEvent::Frame, channel};
     e.info = *info;
-    uint32_t length = is_video(*info) ? info->video.length : info->audio.length;
-    e.data.assign(reinterpret_cast<const char *>(data), length);
+    e.data.assign(reinterpret_cast<const char *>(data), is_video(*info) ? info->video.length : info->audio.length);
     record(std::move(e));
     return frame_result.load();
 }
 
-void status_cb(int32_t channel, int32_t status)
-{
-    HostEvent e{HostEvent::Status};
-    e.channel = channel;
-    e.value = status;
-    record(std::move(e));
-}
+void status_cb(int32_t channel, int32_t status) { record(HostEvent{HostEvent::Status, channel, status}); }
 
 std::string make_frame(uint32_t type, const std::string &payload, uint32_t pts, uint8_t frame_rate,
                        uint16_t frame_rate_frac)
 {
-    frame_info info;
-    memset(&info, 0, sizeof(info));
+    frame_info info{};
     info.type = type;
     if (is_video(info)) {
         info.video.frame_rate = frame_rate;
@@ -121,8 +97,7 @@ std::string make_frame(uint32_t type, const std::string &payload, uint32_t pts, 
     }
     std::string record = "TFRM";
     record.append(reinterpret_cast<const char *>(&info), sizeof(info));
-    record += payload;
-    return record;
+    return record + payload;
 }
 
 } // namespace test_host

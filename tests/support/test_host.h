@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,26 +21,43 @@
 #include "client_helpers.h"
 
 struct HostEvent {
-    enum Kind { Status, Frame, Put, DemuxNew, DemuxFree };
-    explicit HostEvent(Kind k) : kind(k) {}
+    enum Kind { Status, Frame, Put, DemuxNew, DemuxFree, Result };
+    HostEvent(Kind kind, int32_t channel = -1, int32_t value = 0, void *handle = nullptr, bool flv = false)
+        : kind(kind), channel(channel), value(value), handle(handle), flv(flv)
+    {
+    }
     Kind kind;
-    int32_t channel = -1;   // Status, Frame
-    int32_t value = 0;      // Status: the status; Put: piece size
-    void *handle = nullptr; // Put, DemuxNew, DemuxFree: the demultiplexer
-    bool flv = false;       // DemuxNew, DemuxFree, Put: an FLV demultiplexer
+    int32_t channel;   // Status, Frame
+    int32_t value;     // Status: the status; Put: piece size; Result: what a frame callback returned
+    void *handle;      // Put, DemuxNew, DemuxFree: the demultiplexer
+    bool flv;          // DemuxNew, DemuxFree, Put: an FLV demultiplexer
     frame_info info{};      // Frame
     std::string data;       // Frame: the frame bytes; Put: the piece
     std::thread::id thread;
     std::chrono::steady_clock::time_point at;
 };
 
+// How a failure message shows an event.
+inline void PrintTo(const HostEvent &e, std::ostream *os)
+{
+    *os << "{kind " << e.kind << ", channel " << e.channel << ", value " << e.value << "}";
+}
+
 namespace test_host {
 
 // Forgets every event and restores the defaults below.
 void reset();
-std::vector<HostEvent> events();
-// Number of events matching `pred`.
-size_t count(const std::function<bool(const HostEvent &)> &pred);
+// Stamps `event` with the calling thread and the time, and logs it.
+void record(HostEvent event);
+// The events matching `pred` (every event without one), in order.
+std::vector<HostEvent> events(const std::function<bool(const HostEvent &)> &pred = nullptr);
+// The events of one kind (of one channel, unless `channel` is negative).
+inline std::vector<HostEvent> events(HostEvent::Kind kind, int32_t channel = -1)
+{
+    return events([=](const HostEvent &e) { return e.kind == kind && (channel < 0 || e.channel == channel); });
+}
+// The statuses one channel reported, in order.
+std::vector<int32_t> statuses_of(int32_t channel);
 size_t status_count(int32_t channel, int32_t status);
 size_t frame_count(int32_t channel);
 // Concatenation of every piece the demultiplexers of one kind received.
@@ -58,8 +76,6 @@ extern std::atomic<bool> fail_flv_new;
 // When set, Put events keep the piece bytes (off by default to keep long
 // streams cheap; total sizes are always recorded).
 extern std::atomic<bool> keep_pieces;
-// Results the demultiplexers' frame callbacks returned, in order.
-std::vector<int32_t> callback_results();
 
 // Builds one record of the test frame format.
 std::string make_frame(uint32_t type, const std::string &payload, uint32_t pts = 0, uint8_t frame_rate = 0,
