@@ -36,6 +36,7 @@ TEST(HlsBuffer, AppendGrowsInWholeStepsOrTakesOnlyTheRoomLeft)
         {16, 0, 5, 0, 16, false},
         {16, 3, 0, 0, 16},
         {64, 60, 0xFFFFFFF0u, 4, 64},
+        {64, 63, 0xFFFFFFF0u, 1, 64},
         {64, 64, 0xFFFFFFF0u, 0, 64},
     };
     for (const Case &c : cases) {
