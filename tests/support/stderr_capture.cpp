@@ -1,8 +1,10 @@
 #include "stderr_capture.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <unistd.h>
+
+#include <fstream>
+#include <iterator>
 
 StderrCapture::StderrCapture()
 {
@@ -30,17 +32,9 @@ StderrCapture::~StderrCapture()
 std::string StderrCapture::text() const
 {
     fflush(stderr);
-    std::string out;
-    if (file_fd_ < 0)
-        return out;
-    char chunk[4096];
-    off_t offset = 0;
-    ssize_t n;
-    while ((n = pread(file_fd_, chunk, sizeof(chunk), offset)) > 0) {
-        out.append(chunk, (size_t)n);
-        offset += n;
-    }
-    return out;
+    // The file is unlinked; its descriptor's name still opens it.
+    std::ifstream in("/proc/self/fd/" + std::to_string(file_fd_), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 size_t StderrCapture::count(const std::string &needle) const
@@ -50,17 +44,4 @@ size_t StderrCapture::count(const std::string &needle) const
     for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + needle.size()))
         ++found;
     return found;
-}
-
-std::string StderrCapture::reporting_file(const std::string &function) const
-{
-    std::string all = text();
-    size_t end = all.find(", " + function + ">: ");
-    size_t start = end == std::string::npos ? end : all.rfind("<ERROR! ", end);
-    if (start == std::string::npos)
-        return "";
-    std::string where = all.substr(start + 8, end - start - 8);
-    where = where.substr(0, where.rfind(':'));
-    size_t slash = where.rfind('/');
-    return slash == std::string::npos ? where : where.substr(slash + 1);
 }

@@ -17,10 +17,6 @@ public:
     bool contains(const std::string &needle) const { return text().find(needle) != std::string::npos; }
     // Number of non-overlapping occurrences of `needle` captured so far.
     size_t count(const std::string &needle) const;
-    // Base name of the source file that the prefix of the first line reported
-    // by `function` names ("<ERROR! dir/file.cpp:LINE, function>: "); empty
-    // when no such line was captured.
-    std::string reporting_file(const std::string &function) const;
 
 private:
     int saved_fd_ = -1;
