@@ -44,7 +44,7 @@ TEST(HostDemuxSamples, GiveTheRecordedStreamsAtEverySplitWithDescriptionsThatFol
         uint32_t rate = (uint32_t)fact_num(k + ".frame_rate"), first_v = (uint32_t)fact_num(k + ".video_first_pts");
         double first_a = (double)fact_num(k + ".audio_first_pts");
         DemuxRun whole = run_demux(s.flv, s.bytes);
-        EXPECT_FALSE(whole.bad_first_argument || whole.bad_length);
+        EXPECT_FALSE(whole.bad_call);
         Frames v = whole.video(), a = whole.audio();
         ASSERT_GT(nv, 0u);
         // Repeated input gives frames after the recorded ones; in a single
