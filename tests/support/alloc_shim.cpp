@@ -45,7 +45,6 @@ using NewAlignedFn = void *(*)(size_t, std::align_val_t);
 using NewAlignedNothrowFn = void *(*)(size_t, std::align_val_t, const std::nothrow_t &);
 
 decltype(&malloc) next_malloc;
-decltype(&free) next_free;
 decltype(&calloc) next_calloc;
 decltype(&realloc) next_realloc;
 NewFn next_new, next_new_array;
@@ -64,8 +63,6 @@ std::atomic<bool> ready{false};
 
 // Set while this thread is inside the shim, so that allocations the shim's
 // own work causes (symbol lookup, unwinding, exception objects) pass through.
-// Those made while the next definitions are still being looked up go to the
-// C library's own allocator (glibc's lookup makes none; others may).
 thread_local bool busy = false;
 
 int find_ranges(struct dl_phdr_info *info, size_t, void *)
@@ -110,7 +107,6 @@ void resolve_next()
     if (next_malloc)
         return;
     busy = true;
-    look_up(next_free, "free");
     look_up(next_calloc, "calloc");
     look_up(next_realloc, "realloc");
     look_up(next_new, "_Znw" SIZE_CODE);
@@ -123,6 +119,16 @@ void resolve_next()
     look_up(next_new_array_aligned_nothrow, "_Zna" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
     look_up(next_malloc, "malloc"); // last: it marks the lookup done
     busy = false;
+}
+
+// Writes one line to the report file, if there is one. Formatted on the
+// stack: the C library's printf to a descriptor allocates a buffer.
+void report(const char *format, long n, unsigned long offset = 0)
+{
+    char line[96];
+    int size = snprintf(line, sizeof line, format, n, offset);
+    if (report_fd >= 0 && write(report_fd, line, (size_t)size) != size)
+        report_fd = -1;
 }
 
 __attribute__((constructor)) void shim_start()
@@ -141,7 +147,7 @@ __attribute__((constructor)) void shim_start()
 
 __attribute__((destructor)) void shim_stop()
 {
-    dprintf(report_fd, "counted %ld\n", counted.load()); // no report file: fails harmlessly
+    report("counted %ld\n", counted.load());
 }
 
 // Finds the first frame outside the C++ runtime above the runtime frames
@@ -194,7 +200,7 @@ bool should_fail(void *caller)
         if (n == fail_at) {
             fail = true;
             fired = true;
-            dprintf(report_fd, "failed %ld lib+0x%lx\n", n, (unsigned long)(site - library_base));
+            report("failed %ld lib+0x%lx\n", n, (unsigned long)(site - library_base));
         }
     }
     busy = false;
@@ -239,11 +245,11 @@ void *counted_new(void *caller, void *(*&next)(size_t, Args...), size_t size, ty
 extern "C" {
 
 // Allocations asked for while the next definitions are being looked up go to
-// the C library's own allocator.
+// the C library's own allocator. glibc's lookup asks for none, so free is
+// left alone: every block it sees comes from the next definitions.
 void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
 void *__libc_realloc(void *, size_t);
-void __libc_free(void *);
 
 void *malloc(size_t size)
 {
@@ -273,16 +279,6 @@ void *realloc(void *old, size_t size)
         resolve_next();
     }
     return should_fail(__builtin_return_address(0)) ? nullptr : next_realloc(old, size);
-}
-
-void free(void *p)
-{
-    if (!next_free) {
-        if (busy)
-            return __libc_free(p);
-        resolve_next();
-    }
-    next_free(p);
 }
 
 char *strdup(const char *text)

@@ -29,9 +29,9 @@ bool CapturedFrame::operator==(const CapturedFrame &o) const
     return memcmp(&info, &o.info, sizeof info) == 0 && data == o.data;
 }
 
-std::vector<CapturedFrame> DemuxRun::of_kind(bool video) const
+Frames DemuxRun::of_kind(bool video) const
 {
-    std::vector<CapturedFrame> out;
+    Frames out;
     std::copy_if(frames.begin(), frames.end(), std::back_inserter(out),
                  [&](const CapturedFrame &f) { return f.video() == video; });
     return out;
@@ -48,18 +48,6 @@ DemuxRun run_demux(bool flv, const std::string &bytes, size_t piece)
         put(run.handle, data + at, (uint32_t)std::min(step, bytes.size() - at));
     (flv ? flv_demux_free : ts_demux_free)(run.handle);
     return run;
-}
-
-size_t intact_frames(const std::vector<CapturedFrame> &want, const std::vector<CapturedFrame> &got)
-{
-    size_t n = 0;
-    auto from = got.begin();
-    for (const CapturedFrame &f : want) {
-        auto found = std::find(from, got.end(), f);
-        if (found != got.end())
-            n++, from = found + 1;
-    }
-    return n;
 }
 
 std::string read_file(const std::string &path)

@@ -18,24 +18,22 @@ struct CapturedFrame {
     bool operator==(const CapturedFrame &o) const;
 };
 
+using Frames = std::vector<CapturedFrame>;
+
 struct DemuxRun {
     void *handle = nullptr;
-    std::vector<CapturedFrame> frames;
+    Frames frames;
     // A callback's first argument was not the handle, or a frame_info length
     // disagreed with the bytes.
     bool bad_call = false;
-    std::vector<CapturedFrame> of_kind(bool video) const;
-    std::vector<CapturedFrame> video() const { return of_kind(true); }
-    std::vector<CapturedFrame> audio() const { return of_kind(false); }
+    Frames of_kind(bool video) const;
+    Frames video() const { return of_kind(true); }
+    Frames audio() const { return of_kind(false); }
 };
 
 // Feeds `bytes` to a new TS (or FLV) demultiplexer in pieces of `piece`
 // bytes (0: in one piece), then frees it.
 DemuxRun run_demux(bool flv, const std::string &bytes, size_t piece = 0);
-
-// Frames of `want` found in `got` in the same order; lost or changed ones
-// are passed over.
-size_t intact_frames(const std::vector<CapturedFrame> &want, const std::vector<CapturedFrame> &got);
 
 std::string read_file(const std::string &path);
 
