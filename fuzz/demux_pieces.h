@@ -1,10 +1,12 @@
 // Shared body of the demultiplexer fuzz targets: any bytes, cut into pieces
-// whose size the input's first two bytes choose, go through one
+// whose size two of the input's bytes choose, go through one
 // demultiplexer; every frame handed out is read whole.
 #pragma once
 
-#include <stddef.h>
-#include <stdint.h>
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
+#include <vector>
 
 #include "hls_host_demux.h"
 
@@ -21,13 +23,11 @@ static int32_t touch_frame(void *, frame_info *info, uint8_t *data, void *)
 static void feed_in_pieces(const uint8_t *data, size_t size, void *(*create)(demux_frame_cb, void *),
                            int32_t (*put)(void *, const uint8_t *, uint32_t), void (*release)(void *))
 {
-    if (size < 2)
-        return;
-    size_t piece = 1 + (data[0] << 8 | data[1]);
-    data += 2;
-    size -= 2;
+    FuzzedDataProvider in(data, size);
+    size_t piece = 1 + in.ConsumeIntegral<uint16_t>();
+    std::vector<uint8_t> bytes = in.ConsumeRemainingBytes<uint8_t>();
     void *demux = create(touch_frame, nullptr);
-    for (size_t at = 0; at < size; at += piece)
-        put(demux, data + at, (uint32_t)(size - at < piece ? size - at : piece));
+    for (size_t at = 0; at < bytes.size(); at += piece)
+        put(demux, bytes.data() + at, (uint32_t)std::min(piece, bytes.size() - at));
     release(demux);
 }

@@ -1,10 +1,8 @@
 // The playlist client driven by a sequence of operations decoded from the
 // input: loads of playlist texts (master and media), pops, refresh checks,
 // variant choices and fragment requests.
-#include <stddef.h>
-#include <stdint.h>
+#include <fuzzer/FuzzedDataProvider.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <string>
 
@@ -12,22 +10,6 @@
 #include "hls_m3u8.h"
 
 namespace {
-// Takes a length-prefixed chunk of text from the input.
-std::string take_text(const uint8_t *&data, size_t &size)
-{
-    if (size == 0)
-        return std::string();
-    size_t want = data[0];
-    ++data;
-    --size;
-    if (want > size)
-        want = size;
-    std::string text(reinterpret_cast<const char *>(data), want);
-    data += want;
-    size -= want;
-    return text;
-}
-
 void load(m3u8_client *client, const std::string &text, bool master)
 {
     hls_buffer *buffer = hls_buffer_new(HLS_BUFFER_STEP);
@@ -45,16 +27,14 @@ void load(m3u8_client *client, const std::string &text, bool master)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    FuzzedDataProvider in(data, size);
     m3u8_client *client = m3u8_client_new();
     if (!client)
         return 0;
-    while (size > 0) {
-        uint8_t op = data[0] % 8;
-        ++data;
-        --size;
-        switch (op) {
-        case 0: load(client, take_text(data, size), true); break;
-        case 1: load(client, take_text(data, size), false); break;
+    while (in.remaining_bytes() > 0) {
+        switch (in.ConsumeIntegralInRange(0, 7)) {
+        case 0: load(client, in.ConsumeBytesAsString(in.ConsumeIntegral<uint8_t>()), true); break;
+        case 1: load(client, in.ConsumeBytesAsString(in.ConsumeIntegral<uint8_t>()), false); break;
         case 2: {
             tsdata_fragment *front = m3u8_client_get_front_fragment(client);
             if (front) {
@@ -65,14 +45,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break;
         }
         case 3: m3u8_client_is_time_to_refresh_playlist(client); break;
-        case 4: free(m3u8_client_get_second_playlist_by_bandwidth(client, size % 2)); break;
+        case 4: free(m3u8_client_get_second_playlist_by_bandwidth(client, in.ConsumeIntegralInRange(0, 1))); break;
         case 5: tsdata_fragment_free(m3u8_client_get_back_fragment(client)); break;
-        case 6: free(m3u8_client_get_second_playlist(client, size % 4)); break;
-        case 7: {
-            uint64_t sequence = size > 0 ? data[0] : 0;
-            m3u8_client_pop_front_fragment(client, sequence);
-            break;
-        }
+        case 6: free(m3u8_client_get_second_playlist(client, in.ConsumeIntegralInRange(0, 3))); break;
+        case 7: m3u8_client_pop_front_fragment(client, in.ConsumeIntegral<uint8_t>()); break;
         }
     }
     m3u8_client_free(client);

@@ -1,7 +1,6 @@
-// get_absolute_path over arbitrary base/reference pairs (split at the first
-// newline). An absolute reference must come back unchanged.
-#include <stddef.h>
-#include <stdint.h>
+// get_absolute_path over arbitrary base/reference pairs. An absolute
+// reference must come back unchanged.
+#include <fuzzer/FuzzedDataProvider.h>
 #include <stdlib.h>
 
 #include <string>
@@ -10,10 +9,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    std::string input(reinterpret_cast<const char *>(data), size);
-    size_t cut = input.find('\n');
-    std::string base = cut == std::string::npos ? input : input.substr(0, cut);
-    std::string relative = cut == std::string::npos ? std::string() : input.substr(cut + 1);
+    FuzzedDataProvider in(data, size);
+    std::string base = in.ConsumeRandomLengthString();
+    std::string relative = in.ConsumeRemainingBytesAsString();
     std::string result = get_absolute_path(base, relative);
     if (relative.compare(0, 4, "http") == 0 && result != relative)
         abort();

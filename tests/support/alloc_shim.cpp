@@ -39,18 +39,14 @@ struct Range {
     bool has(uintptr_t pc) const { return pc >= begin && pc < end; }
 };
 
-using MallocFn = void *(*)(size_t);
-using CallocFn = void *(*)(size_t, size_t);
-using ReallocFn = void *(*)(void *, size_t);
 using NewFn = void *(*)(size_t);
 using NewNothrowFn = void *(*)(size_t, const std::nothrow_t &);
 using NewAlignedFn = void *(*)(size_t, std::align_val_t);
 using NewAlignedNothrowFn = void *(*)(size_t, std::align_val_t, const std::nothrow_t &);
 
-MallocFn next_malloc;
-void (*next_free)(void *);
-CallocFn next_calloc;
-ReallocFn next_realloc;
+decltype(&malloc) next_malloc;
+decltype(&calloc) next_calloc;
+decltype(&realloc) next_realloc;
 NewFn next_new, next_new_array;
 NewNothrowFn next_new_nothrow, next_new_array_nothrow;
 NewAlignedFn next_new_aligned, next_new_array_aligned;
@@ -68,26 +64,6 @@ std::atomic<bool> ready{false};
 // Set while this thread is inside the shim, so that allocations the shim's
 // own work causes (symbol lookup, unwinding, exception objects) pass through.
 thread_local bool busy = false;
-
-// Allocations made while the next definitions are looked up come from here;
-// free ignores them.
-alignas(16) char bootstrap[4096];
-size_t bootstrap_used = 0;
-
-bool from_bootstrap(const void *p)
-{
-    return p >= (const void *)bootstrap && p < (const void *)(bootstrap + sizeof bootstrap);
-}
-
-void *bootstrap_alloc(size_t size)
-{
-    size = (size + 15) & ~(size_t)15;
-    if (bootstrap_used + size > sizeof bootstrap)
-        return nullptr;
-    void *p = bootstrap + bootstrap_used;
-    bootstrap_used += size;
-    return p; // static storage: already zero
-}
 
 int find_ranges(struct dl_phdr_info *info, size_t, void *)
 {
@@ -121,32 +97,38 @@ int find_ranges(struct dl_phdr_info *info, size_t, void *)
 static_assert(sizeof(size_t) == (SIZE_CODE[0] == 'm' ? sizeof(unsigned long) : sizeof(unsigned int)),
               "size_t is neither unsigned long nor unsigned int");
 
+template <class Fn> void look_up(Fn &next, const char *name)
+{
+    next = (Fn)dlsym(RTLD_NEXT, name);
+}
+
 void resolve_next()
 {
     if (next_malloc)
         return;
     busy = true;
-    next_free = (void (*)(void *))dlsym(RTLD_NEXT, "free");
-    next_calloc = (CallocFn)dlsym(RTLD_NEXT, "calloc");
-    next_malloc = (MallocFn)dlsym(RTLD_NEXT, "malloc");
-    next_realloc = (ReallocFn)dlsym(RTLD_NEXT, "realloc");
-    next_new = (NewFn)dlsym(RTLD_NEXT, "_Znw" SIZE_CODE);
-    next_new_array = (NewFn)dlsym(RTLD_NEXT, "_Zna" SIZE_CODE);
-    next_new_nothrow = (NewNothrowFn)dlsym(RTLD_NEXT, "_Znw" SIZE_CODE "RKSt9nothrow_t");
-    next_new_array_nothrow = (NewNothrowFn)dlsym(RTLD_NEXT, "_Zna" SIZE_CODE "RKSt9nothrow_t");
-    next_new_aligned = (NewAlignedFn)dlsym(RTLD_NEXT, "_Znw" SIZE_CODE "St11align_val_t");
-    next_new_array_aligned = (NewAlignedFn)dlsym(RTLD_NEXT, "_Zna" SIZE_CODE "St11align_val_t");
-    next_new_aligned_nothrow = (NewAlignedNothrowFn)dlsym(RTLD_NEXT, "_Znw" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
-    next_new_array_aligned_nothrow = (NewAlignedNothrowFn)dlsym(RTLD_NEXT, "_Zna" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
+    look_up(next_calloc, "calloc");
+    look_up(next_realloc, "realloc");
+    look_up(next_new, "_Znw" SIZE_CODE);
+    look_up(next_new_array, "_Zna" SIZE_CODE);
+    look_up(next_new_nothrow, "_Znw" SIZE_CODE "RKSt9nothrow_t");
+    look_up(next_new_array_nothrow, "_Zna" SIZE_CODE "RKSt9nothrow_t");
+    look_up(next_new_aligned, "_Znw" SIZE_CODE "St11align_val_t");
+    look_up(next_new_array_aligned, "_Zna" SIZE_CODE "St11align_val_t");
+    look_up(next_new_aligned_nothrow, "_Znw" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
+    look_up(next_new_array_aligned_nothrow, "_Zna" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
+    look_up(next_malloc, "malloc"); // last: it marks the lookup done
     busy = false;
 }
 
-void write_report(const char *line)
+// Writes one line to the report file, if there is one. Formatted on the
+// stack: the C library's printf to a descriptor allocates a buffer.
+void report(const char *format, long n, unsigned long offset = 0)
 {
-    if (report_fd >= 0) {
-        ssize_t written = write(report_fd, line, strlen(line));
-        (void)written;
-    }
+    char line[96];
+    int size = snprintf(line, sizeof line, format, n, offset);
+    if (report_fd >= 0 && write(report_fd, line, (size_t)size) != size)
+        report_fd = -1;
 }
 
 __attribute__((constructor)) void shim_start()
@@ -165,9 +147,7 @@ __attribute__((constructor)) void shim_start()
 
 __attribute__((destructor)) void shim_stop()
 {
-    char line[64];
-    snprintf(line, sizeof line, "counted %ld\n", counted.load());
-    write_report(line);
+    report("counted %ld\n", counted.load());
 }
 
 // Finds the first frame outside the C++ runtime above the runtime frames
@@ -220,96 +200,17 @@ bool should_fail(void *caller)
         if (n == fail_at) {
             fail = true;
             fired = true;
-            char line[96];
-            snprintf(line, sizeof line, "failed %ld lib+0x%lx\n", n, (unsigned long)(site - library_base));
-            write_report(line);
+            report("failed %ld lib+0x%lx\n", n, (unsigned long)(site - library_base));
         }
     }
     busy = false;
     return fail;
 }
 
-void *counted_new(size_t size, void *caller, NewFn next)
+// A copy of at most `limit` bytes of `text`, made for the code at `caller`.
+char *counted_copy(const char *text, size_t limit, void *caller)
 {
     if (should_fail(caller))
-        throw std::bad_alloc();
-    return next(size);
-}
-
-} // namespace
-
-extern "C" {
-
-void *malloc(size_t size)
-{
-    if (!next_malloc) {
-        if (busy)
-            return bootstrap_alloc(size);
-        resolve_next();
-    }
-    if (should_fail(__builtin_return_address(0)))
-        return nullptr;
-    return next_malloc(size);
-}
-
-void *calloc(size_t count, size_t size)
-{
-    if (!next_calloc) {
-        if (busy)
-            return count && size > sizeof bootstrap / count ? nullptr : bootstrap_alloc(count * size);
-        resolve_next();
-    }
-    if (should_fail(__builtin_return_address(0)))
-        return nullptr;
-    return next_calloc(count, size);
-}
-
-void *realloc(void *old, size_t size)
-{
-    if (!next_realloc)
-        resolve_next();
-    if (from_bootstrap(old)) {
-        // A block handed out while the shim looked itself up: move it out,
-        // copying no more than the bootstrap area holds behind it.
-        size_t room = (size_t)(bootstrap + sizeof bootstrap - (char *)old);
-        void *grown = next_malloc(size);
-        if (grown)
-            memcpy(grown, old, size < room ? size : room);
-        return grown;
-    }
-    if (should_fail(__builtin_return_address(0)))
-        return nullptr;
-    return next_realloc(old, size);
-}
-
-void free(void *p)
-{
-    if (!p || from_bootstrap(p))
-        return;
-    if (!next_free) {
-        if (busy)
-            return; // freed while the shim looks itself up: leave it
-        resolve_next();
-    }
-    next_free(p);
-}
-
-char *strdup(const char *text)
-{
-    if (should_fail(__builtin_return_address(0)))
-        return nullptr;
-    size_t size = strlen(text) + 1;
-    busy = true;
-    char *copy = (char *)malloc(size);
-    busy = false;
-    if (copy)
-        memcpy(copy, text, size);
-    return copy;
-}
-
-char *strndup(const char *text, size_t limit)
-{
-    if (should_fail(__builtin_return_address(0)))
         return nullptr;
     size_t size = strnlen(text, limit);
     busy = true;
@@ -320,6 +221,74 @@ char *strndup(const char *text, size_t limit)
         copy[size] = '\0';
     }
     return copy;
+}
+
+// An operator new variant forwarded to `next` unless its allocation is the
+// one to fail; then the throwing variants throw and the others return null.
+template <class T> struct Same {
+    using type = T;
+};
+
+template <bool Throws, class... Args>
+void *counted_new(void *caller, void *(*&next)(size_t, Args...), size_t size, typename Same<Args>::type... args)
+{
+    resolve_next();
+    if (!should_fail(caller))
+        return next(size, args...);
+    if constexpr (Throws)
+        throw std::bad_alloc();
+    return nullptr;
+}
+
+} // namespace
+
+extern "C" {
+
+// Allocations asked for while the next definitions are being looked up go to
+// the C library's own allocator. glibc's lookup asks for none, so free is
+// left alone: every block it sees comes from the next definitions.
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+
+void *malloc(size_t size)
+{
+    if (!next_malloc) {
+        if (busy)
+            return __libc_malloc(size);
+        resolve_next();
+    }
+    return should_fail(__builtin_return_address(0)) ? nullptr : next_malloc(size);
+}
+
+void *calloc(size_t count, size_t size)
+{
+    if (!next_calloc) {
+        if (busy)
+            return __libc_calloc(count, size);
+        resolve_next();
+    }
+    return should_fail(__builtin_return_address(0)) ? nullptr : next_calloc(count, size);
+}
+
+void *realloc(void *old, size_t size)
+{
+    if (!next_realloc) {
+        if (busy)
+            return __libc_realloc(old, size);
+        resolve_next();
+    }
+    return should_fail(__builtin_return_address(0)) ? nullptr : next_realloc(old, size);
+}
+
+char *strdup(const char *text)
+{
+    return counted_copy(text, SIZE_MAX, __builtin_return_address(0));
+}
+
+char *strndup(const char *text, size_t limit)
+{
+    return counted_copy(text, limit, __builtin_return_address(0));
 }
 
 void alloc_shim_fail_nth(long n)
@@ -344,52 +313,40 @@ long alloc_shim_counted(void)
 
 void *operator new(size_t size)
 {
-    resolve_next();
-    return counted_new(size, __builtin_return_address(0), next_new);
+    return counted_new<true>(__builtin_return_address(0), next_new, size);
 }
 
 void *operator new[](size_t size)
 {
-    resolve_next();
-    return counted_new(size, __builtin_return_address(0), next_new_array);
+    return counted_new<true>(__builtin_return_address(0), next_new_array, size);
 }
 
 void *operator new(size_t size, const std::nothrow_t &tag) noexcept
 {
-    resolve_next();
-    return should_fail(__builtin_return_address(0)) ? nullptr : next_new_nothrow(size, tag);
+    return counted_new<false>(__builtin_return_address(0), next_new_nothrow, size, tag);
 }
 
 void *operator new[](size_t size, const std::nothrow_t &tag) noexcept
 {
-    resolve_next();
-    return should_fail(__builtin_return_address(0)) ? nullptr : next_new_array_nothrow(size, tag);
+    return counted_new<false>(__builtin_return_address(0), next_new_array_nothrow, size, tag);
 }
 
 void *operator new(size_t size, std::align_val_t align)
 {
-    resolve_next();
-    if (should_fail(__builtin_return_address(0)))
-        throw std::bad_alloc();
-    return next_new_aligned(size, align);
+    return counted_new<true>(__builtin_return_address(0), next_new_aligned, size, align);
 }
 
 void *operator new[](size_t size, std::align_val_t align)
 {
-    resolve_next();
-    if (should_fail(__builtin_return_address(0)))
-        throw std::bad_alloc();
-    return next_new_array_aligned(size, align);
+    return counted_new<true>(__builtin_return_address(0), next_new_array_aligned, size, align);
 }
 
 void *operator new(size_t size, std::align_val_t align, const std::nothrow_t &tag) noexcept
 {
-    resolve_next();
-    return should_fail(__builtin_return_address(0)) ? nullptr : next_new_aligned_nothrow(size, align, tag);
+    return counted_new<false>(__builtin_return_address(0), next_new_aligned_nothrow, size, align, tag);
 }
 
 void *operator new[](size_t size, std::align_val_t align, const std::nothrow_t &tag) noexcept
 {
-    resolve_next();
-    return should_fail(__builtin_return_address(0)) ? nullptr : next_new_array_aligned_nothrow(size, align, tag);
+    return counted_new<false>(__builtin_return_address(0), next_new_array_aligned_nothrow, size, align, tag);
 }

@@ -5,6 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,33 +18,36 @@ struct CapturedFrame {
     bool operator==(const CapturedFrame &o) const;
 };
 
+using Frames = std::vector<CapturedFrame>;
+
 struct DemuxRun {
-    std::vector<CapturedFrame> frames;
-    bool bad_first_argument = false; // a callback's first argument was not the handle
-    bool bad_length = false;         // a frame_info length disagreed with the bytes
-    std::vector<CapturedFrame> video() const;
-    std::vector<CapturedFrame> audio() const;
-    std::string video_bytes() const;
-    std::string audio_bytes() const;
+    void *handle = nullptr;
+    Frames frames;
+    // A callback's first argument was not the handle, or a frame_info length
+    // disagreed with the bytes.
+    bool bad_call = false;
+    Frames of_kind(bool video) const;
+    Frames video() const { return of_kind(true); }
+    Frames audio() const { return of_kind(false); }
 };
 
 // Feeds `bytes` to a new TS (or FLV) demultiplexer in pieces of `piece`
-// bytes (0: in one piece), or at the cut offsets given, then frees it.
+// bytes (0: in one piece), then frees it.
 DemuxRun run_demux(bool flv, const std::string &bytes, size_t piece = 0);
-DemuxRun run_demux_cuts(bool flv, const std::string &bytes, const std::vector<size_t> &cuts);
-
-// Frames of `want` found in `got` in the same order; lost or changed ones
-// are passed over.
-size_t intact_frames(const std::vector<CapturedFrame> &want, const std::vector<CapturedFrame> &got);
 
 std::string read_file(const std::string &path);
-// Value recorded for `key` in samples.txt under `root`; empty if absent.
-std::string sample_fact(const std::string &root, const std::string &key);
 
 #ifdef HLS_SOURCE_DIR
-inline std::string sample_path(const std::string &name) { return std::string(HLS_SOURCE_DIR) + "/tests/data/" + name; }
-inline std::string read_sample(const std::string &name) { return read_file(sample_path(name)); }
-inline std::string fact(const std::string &key) { return sample_fact(std::string(HLS_SOURCE_DIR) + "/tests/data", key); }
+inline std::string read_sample(const std::string &name) { return read_file(HLS_SOURCE_DIR "/tests/data/" + name); }
+// Value recorded for `key` in the samples' samples.txt; empty if absent.
+inline std::string fact(const std::string &key)
+{
+    std::istringstream in(read_sample("samples.txt"));
+    for (std::string line; std::getline(in, line);)
+        if (line.compare(0, key.size() + 1, key + "=") == 0)
+            return line.substr(key.size() + 1);
+    return "";
+}
 inline long fact_num(const std::string &key) { return std::stol("0" + fact(key)); }
 // An HLS variant's segments in order, then its first segment again: its video
 // PES packets are unbounded, so only the next unit start ends the last one.

@@ -5,7 +5,16 @@
 // determinable is checked as usual.
 #pragma once
 
-bool torture_mode();
+#include <stdlib.h>
+
+// Defined by the allocation shim in the executables that link it.
+extern "C" int alloc_shim_fired(void) __attribute__((weak));
+
+inline bool torture_mode()
+{
+    static const bool armed = getenv("HLS_TORTURE_FAIL_AT") != nullptr;
+    return armed && alloc_shim_fired && alloc_shim_fired();
+}
 
 // Calls `call`; when the failed allocation happened during it and it gave
 // `no_memory`, calls it once more: only one allocation fails, so the repeat
