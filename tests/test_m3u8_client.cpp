@@ -126,6 +126,19 @@ TEST(M3u8Client, NewClientAndNullArgumentsGiveNothing)
     EXPECT_EQ(tsdata_fragment_new(nullptr), nullptr);
     tsdata_fragment_free(nullptr);
     m3u8_client_free(nullptr);
+    // A missing argument, or a buffer that claims bytes it does not hold: 1.
+    hls_buffer text{(uint8_t *)"#EXTM3U\n", 8, 8}, claimed{nullptr, 8, 8};
+    int32_t is_master = -1;
+    struct Case { m3u8_client *c; const char *url; hls_buffer *buffer; } cases[] = {
+        {nullptr, kUrl.c_str(), &text}, {client.c, nullptr, &text}, {client.c, kUrl.c_str(), nullptr},
+        {client.c, kUrl.c_str(), &claimed}};
+    for (const Case &k : cases) {
+        EXPECT_EQ(m3u8_client_load_playlist(k.c, k.url, k.buffer), 1);
+        EXPECT_EQ(m3u8_client_load_master_playlist(k.c, k.url, k.buffer, &is_master), 1);
+    }
+    EXPECT_EQ(m3u8_client_load_master_playlist(client.c, kUrl.c_str(), &text, nullptr), 1);
+    EXPECT_EQ(is_master, -1);
+    EXPECT_EQ(m3u8_client_get_raw_data(client.c), nullptr);
     if (getenv("HLS_TORTURE_FAIL_AT"))
         return; // the allocation shim is driven from outside
     for (long n : {1, 2}) { // the handle, then the client object
