@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <future>
 #include <iterator>
 #include <map>
@@ -26,6 +25,7 @@
 
 #include "HLSClientLib.h"
 #include "client_helpers.h"
+#include "demux_capture.h"
 #include "sha256.h"
 
 extern char **environ;
@@ -36,13 +36,6 @@ using namespace std::chrono_literals;
 using Json = nlohmann::ordered_json;
 const std::string kPlayer = HLS_BINARY_DIR "/hlsplay";
 const std::string kServer = HLS_BINARY_DIR "/hls-sample-server";
-const std::string kData = HLS_SOURCE_DIR "/tests/data/";
-
-std::string read_file(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 bool has(const std::string &text, const std::string &part)
 {
@@ -168,17 +161,6 @@ private:
     int port_ = 0;
 };
 
-std::map<std::string, std::string> sample_facts()
-{
-    std::map<std::string, std::string> facts;
-    std::ifstream in(kData + "samples.txt");
-    for (std::string line; std::getline(in, line);) {
-        if (line.find('=') != std::string::npos && line[0] != '#')
-            facts[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
-    }
-    return facts;
-}
-
 // The player's summary, checked for the documented shape; one entry per
 // channel, in channel order, its members in the documented order.
 std::vector<Json> summary_channels(const std::string &out, size_t expected)
@@ -217,10 +199,9 @@ double num(const Json &c, const char *key)
 // 0) cannot deliver its final access unit: nothing after it tells the
 // demultiplexer that the frame is complete, and a host demultiplexer has no
 // end-of-stream call. 1 when the variant's last segment ends that way.
-int final_video_pes_unbounded(const std::string &variant, std::map<std::string, std::string> &facts)
+int final_video_pes_unbounded(const std::string &variant)
 {
-    std::string seg =
-        read_file(kData + variant + "/seg" + std::to_string(std::stoi(facts[variant + ".segments"]) - 1) + ".ts");
+    std::string seg = read_sample(variant + "/seg" + std::to_string(fact_num(variant + ".segments") - 1) + ".ts");
     int unbounded = -1;
     for (size_t off = 0; off + 188 <= seg.size(); off += 188) {
         auto *p = reinterpret_cast<const uint8_t *>(seg.data() + off);
@@ -288,8 +269,7 @@ TEST(E2ePlayer, CommandLinesGetTheirExitStatusAndMessage)
 
 TEST(E2ePlayer, FiniteStreamsDeliverTheSampleFramesIntact)
 {
-    auto facts = sample_facts();
-    ASSERT_FALSE(facts.empty()) << "tests/data/samples.txt missing";
+    ASSERT_FALSE(fact("stream.ts.video_frames").empty()) << "tests/data/samples.txt missing";
     SampleServer server({"--once"});
     char temp[] = "/tmp/hls_e2e_XXXXXX";
     ASSERT_TRUE(mkdtemp(temp));
@@ -323,22 +303,22 @@ TEST(E2ePlayer, FiniteStreamsDeliverTheSampleFramesIntact)
         const Json &c = e.summary;
         const std::string &s = e.sample;
         std::string video = read_file(e.dump + ".video"), audio = read_file(e.dump + ".audio");
-        const std::string &video_sum = facts[s + ".video_sha256"];
-        int held = s.rfind("hls/", 0) == 0 ? final_video_pes_unbounded(s, facts) : 0;
+        const std::string video_sum = fact(s + ".video_sha256");
+        int held = s.rfind("hls/", 0) == 0 ? final_video_pes_unbounded(s) : 0;
         EXPECT_EQ(num(c, "started"), 1) << s;
         EXPECT_EQ(num(c, "stopped"), 1) << s;
-        EXPECT_EQ(num(c, "video_frames"), std::stod(facts[s + ".video_frames"]) - held) << s;
-        EXPECT_EQ(num(c, "audio_frames"), std::stod(facts[s + ".audio_frames"])) << s;
+        EXPECT_EQ(num(c, "video_frames"), std::stod(fact(s + ".video_frames")) - held) << s;
+        EXPECT_EQ(num(c, "audio_frames"), std::stod(fact(s + ".audio_frames"))) << s;
         EXPECT_EQ(num(c, "video_bytes"), double(video.size())) << s;
         EXPECT_EQ(num(c, "audio_bytes"), double(audio.size())) << s;
-        EXPECT_EQ(sha256_hex(audio), facts[s + ".audio_sha256"]) << s;
+        EXPECT_EQ(sha256_hex(audio), fact(s + ".audio_sha256")) << s;
         if (held == 0) {
             EXPECT_EQ(sha256_hex(video), video_sum) << s;
             verified_video[video_sum] = video;
         } else {
             // All but the final access unit: a proper prefix of the same
             // elementary stream where a direct stream verified it.
-            EXPECT_LT(video.size(), std::stoul(facts[s + ".video_bytes"])) << s;
+            EXPECT_LT(video.size(), std::stoul(fact(s + ".video_bytes"))) << s;
             if (verified_video.count(video_sum)) {
                 EXPECT_EQ(verified_video[video_sum].compare(0, video.size(), video), 0) << s;
             }
@@ -346,7 +326,7 @@ TEST(E2ePlayer, FiniteStreamsDeliverTheSampleFramesIntact)
         EXPECT_GE(num(c, "first_frame_ms"), 0) << s;
         EXPECT_LT(num(c, "first_frame_ms"), 5000) << s;
     }
-    EXPECT_EQ(verified_video.count(facts["hls/high.video_sha256"]), 1u) << "no direct stream checks hls/high bytes";
+    EXPECT_EQ(verified_video.count(fact("hls/high.video_sha256")), 1u) << "no direct stream checks hls/high bytes";
     // Not a terminal: plain log lines, on standard error next to the JSON.
     for (const char *line : {"ch1 stream started", "ch2 stream stopped", "ch0 no frame for 4 s, disconnecting"})
         EXPECT_TRUE(has(r.err, line)) << line << " not in " << r.err;
@@ -441,7 +421,7 @@ TEST(E2eSampleServer, SlidesLivePlaylistsOverLoopedSegmentsAndAnswersSixtyFourOp
     httplib::Client cli("127.0.0.1", server.port());
     httplib::Response master = get(cli, "/hls/master.m3u8");
     EXPECT_EQ(master.get_header_value("Content-Type"), "application/vnd.apple.mpegurl");
-    EXPECT_EQ(master.body, read_file(kData + "hls/master.m3u8"));
+    EXPECT_EQ(master.body, read_sample("hls/master.m3u8"));
 
     // Six sample segments, eight in the window: the loop point is listed,
     // marked as a discontinuity, and its segments are the sample's again.
@@ -452,7 +432,7 @@ TEST(E2eSampleServer, SlidesLivePlaylistsOverLoopedSegmentsAndAnswersSixtyFourOp
     for (int seq : {1, 7}) {
         httplib::Response seg = get(cli, "/hls/low/seg" + std::to_string(seq) + ".ts");
         EXPECT_EQ(seg.get_header_value("Content-Type"), "video/MP2T");
-        EXPECT_TRUE(seg.body == read_file(kData + "hls/low/seg1.ts")) << seq;
+        EXPECT_TRUE(seg.body == read_sample("hls/low/seg1.ts")) << seq;
     }
     // The window moves on in real time, one segment per segment duration.
     std::string later;
@@ -490,8 +470,7 @@ TEST(E2eSampleServer, SlidesLivePlaylistsOverLoopedSegmentsAndAnswersSixtyFourOp
 
 TEST(E2ePlayer, LiveStreamsPlayAcrossLoopPointsAndSurviveFaults)
 {
-    auto facts = sample_facts();
-    double sample_video = std::stod(facts["stream.ts.video_frames"]);
+    double sample_video = std::stod(fact("stream.ts.video_frames"));
     SampleServer clean;
     SampleServer faulty({"--fault-404", "0.3", "--drop", "0.3", "--stall", "0.2", "--stall-ms", "800", "--seed", "3"});
     auto faults = std::async(std::launch::async, [&] {

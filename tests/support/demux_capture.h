@@ -1,5 +1,5 @@
 // Running the reference demultiplexers over sample bytes and recording what
-// they hand out, for the test_host_*_demux tests.
+// they hand out, and reading the samples and the facts recorded for them.
 #pragma once
 
 #include <stddef.h>
