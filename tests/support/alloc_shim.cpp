@@ -1,9 +1,10 @@
 // Allocation-failure shim for the torture runs (scripts/torture). Linked as
 // objects into the test executables of a torture build only, never into the
-// library: the executable's malloc, calloc, realloc, strdup, strndup and
-// global operator new variants take precedence over those of every loaded
-// library (the sanitizer runtime's included) and forward to the next
-// definition found after the executable.
+// library: the executable's malloc, calloc, realloc, strdup and the two
+// global operator new forms the library imports take precedence over those of
+// every loaded library (the sanitizer runtime's included) and forward to the
+// next definition found after the executable. scripts/torture refuses a
+// library that imports any other allocation function.
 //
 // Only allocations made by the library's own code are counted: the caller's
 // return address must lie in libhlsclient.so, or in the C++ runtime when the
@@ -39,18 +40,11 @@ struct Range {
     bool has(uintptr_t pc) const { return pc >= begin && pc < end; }
 };
 
-using NewFn = void *(*)(size_t);
-using NewNothrowFn = void *(*)(size_t, const std::nothrow_t &);
-using NewAlignedFn = void *(*)(size_t, std::align_val_t);
-using NewAlignedNothrowFn = void *(*)(size_t, std::align_val_t, const std::nothrow_t &);
-
 decltype(&malloc) next_malloc;
 decltype(&calloc) next_calloc;
 decltype(&realloc) next_realloc;
-NewFn next_new, next_new_array;
-NewNothrowFn next_new_nothrow, next_new_array_nothrow;
-NewAlignedFn next_new_aligned, next_new_array_aligned;
-NewAlignedNothrowFn next_new_aligned_nothrow, next_new_array_aligned_nothrow;
+void *(*next_new)(size_t);
+void *(*next_new_nothrow)(size_t, const std::nothrow_t &);
 
 Range library;     // text of libhlsclient.so
 uintptr_t library_base = 0;
@@ -110,13 +104,7 @@ void resolve_next()
     look_up(next_calloc, "calloc");
     look_up(next_realloc, "realloc");
     look_up(next_new, "_Znw" SIZE_CODE);
-    look_up(next_new_array, "_Zna" SIZE_CODE);
     look_up(next_new_nothrow, "_Znw" SIZE_CODE "RKSt9nothrow_t");
-    look_up(next_new_array_nothrow, "_Zna" SIZE_CODE "RKSt9nothrow_t");
-    look_up(next_new_aligned, "_Znw" SIZE_CODE "St11align_val_t");
-    look_up(next_new_array_aligned, "_Zna" SIZE_CODE "St11align_val_t");
-    look_up(next_new_aligned_nothrow, "_Znw" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
-    look_up(next_new_array_aligned_nothrow, "_Zna" SIZE_CODE "St11align_val_tRKSt9nothrow_t");
     look_up(next_malloc, "malloc"); // last: it marks the lookup done
     busy = false;
 }
@@ -207,12 +195,15 @@ bool should_fail(void *caller)
     return fail;
 }
 
-// A copy of at most `limit` bytes of `text`, made for the code at `caller`.
-char *counted_copy(const char *text, size_t limit, void *caller)
+} // namespace
+
+extern "C" {
+
+char *strdup(const char *text)
 {
-    if (should_fail(caller))
+    if (should_fail(__builtin_return_address(0)))
         return nullptr;
-    size_t size = strnlen(text, limit);
+    size_t size = strlen(text);
     busy = true;
     char *copy = (char *)malloc(size + 1);
     busy = false;
@@ -222,27 +213,6 @@ char *counted_copy(const char *text, size_t limit, void *caller)
     }
     return copy;
 }
-
-// An operator new variant forwarded to `next` unless its allocation is the
-// one to fail; then the throwing variants throw and the others return null.
-template <class T> struct Same {
-    using type = T;
-};
-
-template <bool Throws, class... Args>
-void *counted_new(void *caller, void *(*&next)(size_t, Args...), size_t size, typename Same<Args>::type... args)
-{
-    resolve_next();
-    if (!should_fail(caller))
-        return next(size, args...);
-    if constexpr (Throws)
-        throw std::bad_alloc();
-    return nullptr;
-}
-
-} // namespace
-
-extern "C" {
 
 // Allocations asked for while the next definitions are being looked up go to
 // the C library's own allocator. glibc's lookup asks for none, so free is
@@ -281,16 +251,6 @@ void *realloc(void *old, size_t size)
     return should_fail(__builtin_return_address(0)) ? nullptr : next_realloc(old, size);
 }
 
-char *strdup(const char *text)
-{
-    return counted_copy(text, SIZE_MAX, __builtin_return_address(0));
-}
-
-char *strndup(const char *text, size_t limit)
-{
-    return counted_copy(text, limit, __builtin_return_address(0));
-}
-
 void alloc_shim_fail_nth(long n)
 {
     fail_at = 0;
@@ -304,49 +264,18 @@ int alloc_shim_fired(void)
     return fired;
 }
 
-long alloc_shim_counted(void)
-{
-    return counted;
-}
-
 } // extern "C"
 
 void *operator new(size_t size)
 {
-    return counted_new<true>(__builtin_return_address(0), next_new, size);
-}
-
-void *operator new[](size_t size)
-{
-    return counted_new<true>(__builtin_return_address(0), next_new_array, size);
+    resolve_next();
+    if (should_fail(__builtin_return_address(0)))
+        throw std::bad_alloc();
+    return next_new(size);
 }
 
 void *operator new(size_t size, const std::nothrow_t &tag) noexcept
 {
-    return counted_new<false>(__builtin_return_address(0), next_new_nothrow, size, tag);
-}
-
-void *operator new[](size_t size, const std::nothrow_t &tag) noexcept
-{
-    return counted_new<false>(__builtin_return_address(0), next_new_array_nothrow, size, tag);
-}
-
-void *operator new(size_t size, std::align_val_t align)
-{
-    return counted_new<true>(__builtin_return_address(0), next_new_aligned, size, align);
-}
-
-void *operator new[](size_t size, std::align_val_t align)
-{
-    return counted_new<true>(__builtin_return_address(0), next_new_array_aligned, size, align);
-}
-
-void *operator new(size_t size, std::align_val_t align, const std::nothrow_t &tag) noexcept
-{
-    return counted_new<false>(__builtin_return_address(0), next_new_aligned_nothrow, size, align, tag);
-}
-
-void *operator new[](size_t size, std::align_val_t align, const std::nothrow_t &tag) noexcept
-{
-    return counted_new<false>(__builtin_return_address(0), next_new_array_aligned_nothrow, size, align, tag);
+    resolve_next();
+    return should_fail(__builtin_return_address(0)) ? nullptr : next_new_nothrow(size, tag);
 }

@@ -11,8 +11,6 @@ extern "C" {
 void alloc_shim_fail_nth(long n);
 // 1 once the armed allocation has been failed.
 int alloc_shim_fired(void);
-// Library allocations counted since the last restart.
-long alloc_shim_counted(void);
 
 #ifdef __cplusplus
 }
